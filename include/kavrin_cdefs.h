@@ -1,0 +1,18 @@
+/* Linkage helpers shared by every public header: each is valid C11 and C++20, and everything it
+ * declares has C linkage. */
+#ifndef KAVRIN_CDEFS_H
+#define KAVRIN_CDEFS_H
+
+#ifdef __cplusplus
+#define KV_BEGIN_DECLS extern "C" {
+#define KV_END_DECLS }
+#else
+#define KV_BEGIN_DECLS
+#define KV_END_DECLS
+#endif
+
+/* Image records are packed one after another, so a record may start at any byte: the compiler
+ * must never assume the natural alignment of their fields. */
+#define KV_PACKED __attribute__((packed))
+
+#endif

@@ -1,0 +1,80 @@
+/* Operation codes, verdicts and the caller's identity: what the hooks pass to the enforcement and
+ * what it answers. */
+#ifndef KAVRIN_STRUCTS_H
+#define KAVRIN_STRUCTS_H
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include "kavrin_cdefs.h"
+
+KV_BEGIN_DECLS
+
+/** Operations a verdict can be asked for. */
+typedef enum e_fsop_type {
+    FSOP_MIN = 1,
+    FSOP_CREATE = 1,
+    FSOP_OPEN_READ = 2,
+    FSOP_OPEN_WRITE = 3,
+    FSOP_OPEN_CHATTR = 4,
+    FSOP_OPENDIR = 5,
+    FSOP_READDIR = 6,
+    FSOP_UNLINK = 7,
+    FSOP_RENAME_SRC = 8,
+    FSOP_RENAME_DEST = 9,
+    FSOP_MOVE_SRC = 10,
+    FSOP_MOVE_DEST = 11,
+    FSOP_CHMOD = 12,
+    FSOP_CHOWN = 13,
+    FSOP_SET_ACL = 14,
+    FSOP_GET_ACL = 15,
+    FSOP_STAT = 16,
+    FSOP_LSTAT = 17,
+    FSOP_READ_LINK = 18,
+    FSOP_CONNECT = 19,
+    FSOP_MKDIR = 20,
+    FSOP_RMDIR = 21,
+    FSOP_STATVFS = 22,
+    FSOP_SEEKDIR = 23,
+    FSOP_REWINDDIR = 24,
+    FSOP_TELLDIR = 25,
+    FSOP_CHDIR = 26,
+    FSOP_REALPATH = 27,
+    FSOP_GETNTACL = 28,
+    FSOP_FGETNTACL = 29,
+    FSOP_INVAL = 30,
+    FSOP_MAX = 30
+} e_fsop_type_t;
+
+/** Verdicts; only KVPERMS_HAS_PERMS allows an operation. */
+typedef enum e_vfs_enforce_perms {
+    KVPERMS_MIN = 1,
+    KVPERMS_NO_PERM = 2,      /**< denied */
+    KVPERMS_HAS_PERMS = 3,    /**< allowed */
+    KVPERMS_INVALID_ARGS = 4, /**< bad arguments or trustees */
+    KVPERMS_MALLOC_ERR = 5,   /**< out of memory */
+    KVPERMS_ACLREAD_ERR = 6,
+    KVPERMS_PERM_ERR = 7,
+    KVPERMS_UNKNOWN_ERR = 8,
+    KVPERMS_ACLBUF_ERR = 9,  /**< the permission map or an ACL is not obtainable */
+    KVPERMS_SYSTEM_ERR = 10, /**< a system call or a small allocation failed */
+    KVPERMS_NOT_FOUND = 11,  /**< verdict cache: no entry */
+    KVPERMS_NOT_SET = 12,    /**< verdict cache: entry without a verdict */
+    KVPERMS_MAX = 8 /* stays 8 although codes run to 12: callers compare against it */
+} e_vfs_enforce_perms_t;
+
+/** Identity of a caller. Whoever allocates one owns it and its `gids`. */
+typedef struct process_trustees_s {
+    uid_t euid;
+    gid_t egid;
+    int32_t num_sup_gids; /**< entries in `gids`; negative is invalid */
+    gid_t *gids;          /**< supplementary groups; may be null only when there are none */
+    int32_t admin;        /**< 1 when the administrators' group is among `gids` */
+    int32_t poweruser;    /**< 1 when the power users' group is among `gids` */
+    int32_t is_computer_acct;
+    int32_t is_global_map_in_use; /**< 1 while a verdict is being worked out with this record */
+} process_trustees_t;
+
+KV_END_DECLS
+
+#endif
