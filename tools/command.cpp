@@ -1,0 +1,98 @@
+// The frame of kavrinctl: the command tree and the way out of it.
+#include "command.h"
+
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+#include "kavrin.h"
+
+namespace kavrinctl {
+namespace {
+
+Exit chosen_exit = Exit::kDone;
+
+constexpr const char* kFooter =
+    "\nExit codes: 0 done or allowed, 1 failure, 2 denied, 3 input invalid, 64 usage.";
+
+void give_footer(CLI::App& app) {
+    app.footer(kFooter);
+    for (CLI::App* sub : app.get_subcommands([](CLI::App*) { return true; })) give_footer(*sub);
+}
+
+}  // namespace
+
+void note(std::string_view message) { fmt::print(stderr, "kavrinctl: {}\n", message); }
+
+void on_run(CLI::App& command, std::function<Exit()> body) {
+    command.callback([body = std::move(body)] { chosen_exit = body(); });
+}
+
+void add_json_option(CLI::App& command, bool& json) {
+    command.add_flag("--json", json, "Print one JSON document instead of text");
+}
+
+void use_library(int debug_level) {
+    const key_t key = ftok("/dev/null", 3456);
+    const bool shared = shmget(key, PARAM_MAX_INDEX * sizeof(global_param_t), 0) >= 0;
+    if (!shared || read_kavrin_config() != 0) {
+        std::free(global_params);
+        global_params = static_cast<global_param_t*>(
+            std::calloc(PARAM_MAX_INDEX, sizeof(global_param_t)));
+        if (global_params == nullptr) fail(Exit::kFailure, "out of memory");
+    }
+    global_params[PARAM_DEBUG_LEVEL].value.intval = debug_level;
+}
+
+void require_root(std::string_view command) {
+    if (geteuid() != 0)
+        fail(Exit::kFailure,
+             "{} works on objects that belong to root; run it as root (you are uid {})", command,
+             geteuid());
+}
+
+int run(int argc, const char* const* argv) {
+    CLI::App app{"kavrinctl: permission maps of a kavrin share, and the verdicts they give",
+                 "kavrinctl"};
+    app.set_version_flag("--version", "kavrinctl " KAVRIN_VERSION);
+    app.require_subcommand(1);
+
+    CLI::App* map = app.add_subcommand("map", "Make, check, load and read permission maps");
+    map->require_subcommand(1);
+    register_map_scan(*map);
+    register_map_lint(*map);
+    register_map_build(*map);
+    register_map_verify(*map);
+    register_map_info(*map);
+    register_map_tree(*map);
+    register_map_acl(*map);
+    register_check(app);
+    register_config(app);
+    give_footer(app);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
+            return app.exit(error);  // --help, --version
+        note(fmt::format("{}; see 'kavrinctl --help'", error.what()));
+        return static_cast<int>(Exit::kUsage);
+    } catch (const CommandError& error) {
+        std::fflush(stdout);
+        note(error.message);
+        return static_cast<int>(error.code);
+    } catch (const std::exception& error) {
+        note(fmt::format("unexpected failure: {}", error.what()));
+        return static_cast<int>(Exit::kFailure);
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        note("cannot write the result to standard output; is its disk full?");
+        return static_cast<int>(Exit::kFailure);
+    }
+    return static_cast<int>(chosen_exit);
+}
+
+}  // namespace kavrinctl

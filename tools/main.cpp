@@ -1,0 +1,4 @@
+// kavrinctl: see command.h.
+#include "command.h"
+
+int main(int argc, char** argv) { return kavrinctl::run(argc, argv); }
