@@ -41,15 +41,15 @@ struct AclTrail {
     std::uint32_t governing = 0;  // offset of the element whose ACL it is
     std::vector<AceNote> aces;    // in the order they were walked
     bool user_found = false;
-    std::uint32_t mask = 0;       // the caller's mask
+    std::uint32_t mask = 0;  // the caller's mask
 };
 
 struct VerdictTrail {
-    std::string real_path;    // normalised
+    std::string real_path;  // normalised
     std::string real_root;
     std::string real_parent;
-    std::string full_path;    // what was looked at on disk
-    int type = 0;             // e_file_type, 0 before it was known
+    std::string full_path;  // what was looked at on disk
+    int type = 0;           // e_file_type, 0 before it was known
     uid_t euid = 0;
     gid_t egid = 0;
     std::vector<gid_t> gids;
