@@ -67,6 +67,19 @@ e_ace_type_t trustee_type_of(const beace_t& record) {
 
 namespace kavrin {
 
+std::uint32_t record_size(const kavrin_acl_t& acl) {
+    return static_cast<std::uint32_t>(sizeof(beacl_t) + sizeof(beace_t) * acl.num_aces);
+}
+
+void write_record(const kavrin_acl_t& acl_to_write, beacl_t& record) {
+    const kavrin_acl_t* acl = &acl_to_write;
+    KV_ASSERT(acl->version == KAVRIN_ACL_VERSION);
+    record.signature = ACLSIG;
+    record.num_aces = acl->num_aces;
+    std::size_t entry = 0;
+    for (const kavrin_ace_t& ace : AceRange(*acl)) record.aces[entry++] = to_record(ace);
+}
+
 ElementOffset governing_element(const ImageView& image, ElementOffset offset) {
     for (;;) {
         const fs_elem_t& element = image.element(offset);
@@ -140,15 +153,10 @@ extern "C" e_membe_shm_err set_inheritance_flag(kavrin_acl_t* acl, unsigned int 
 extern "C" e_membe_shm_err ACL_2_membuf(kavrin_acl_t* acl, beacl_t** bacl, unsigned int* size) {
     *bacl = nullptr;
     if (acl == nullptr) return SHM_MEMBE_OK;
-    KV_ASSERT(acl->version == KAVRIN_ACL_VERSION);
-    *size = static_cast<unsigned int>(sizeof(beace_t)) * acl->num_aces +
-            static_cast<unsigned int>(sizeof(beacl_t));
+    *size = record_size(*acl);
     HeapOwner<beacl_t> record(static_cast<beacl_t*>(std::calloc(1, *size)));
     if (record == nullptr) return SHM_MEMBE_ERR_NOMEM;
-    record->signature = ACLSIG;
-    record->num_aces = acl->num_aces;
-    std::size_t entry = 0;
-    for (const kavrin_ace_t& ace : AceRange(*acl)) record->aces[entry++] = to_record(ace);
+    write_record(*acl, *record);
     *bacl = record.release();
     return SHM_MEMBE_OK;
 }

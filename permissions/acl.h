@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 
 #include "kavrin_perms.h"
@@ -42,5 +43,9 @@ private:
 // The element whose ACL governs the one at `offset`: itself or the nearest ancestor with entries,
 // the root at the latest.
 ElementOffset governing_element(const ImageView& image, ElementOffset offset);
+
+// Bytes of an ACL's image record, and the record itself into memory of that size.
+std::uint32_t record_size(const kavrin_acl_t& acl);
+void write_record(const kavrin_acl_t& acl, beacl_t& record);
 
 }  // namespace kavrin

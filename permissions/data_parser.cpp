@@ -12,11 +12,10 @@
 #include <cstring>
 #include <string_view>
 
-#include "kavrin_perms.h"
+#include "permissions/acl.h"
 #include "permissions/image_view.h"
 #include "permissions/json_session.h"
 #include "permissions/parse_stack.h"
-#include "utils/owners.h"
 
 namespace {
 
@@ -99,15 +98,16 @@ void pop() {
 
 // Pops a state that ended an array; another one on top breaks the grammar.
 void pop_in_array(e_json_permdata_states state) {
-    if (pop_if_state(state) == SHM_MEMBE_OK) return;
+    if (top().state == state) return pop();
+    pop_if_state(state);  // for its trace
     KV_TRACE(kAlways, "State mismatch ");
     KV_ASSERT_AS(false, "ret == SHM_MEMBE_OK");
 }
 
 // Pops a state that ended an object of users or groups.
 void pop_in_acl_map(e_json_permdata_states state) {
+    if (top().state == state) return pop();
     const e_membe_shm_err ret = pop_if_state(state);
-    if (ret == SHM_MEMBE_OK) return;
     KV_TRACE(kAlways, "pop error %d ", static_cast<int>(ret));
     KV_ASSERT(ret == SHM_MEMBE_OK);
 }
@@ -206,12 +206,6 @@ void set_mask(e_ace_type_t type, std::uint32_t mask) {
 // named by the state below.
 void commit_acl(kavrin_acl_t* eacl) {
     KV_ASSERT_AS(eacl != nullptr, "eacl != NULL");
-    beacl_t* record = nullptr;
-    unsigned int size = 0;
-    ACL_2_membuf(eacl, &record, &size);
-    const HeapOwner<beacl_t> beacl(record);
-    KV_ASSERT_AS(beacl != nullptr, "beacl != NULL");
-
     const jsonstack_t& below = top();
     if (below.state != PERMDATA_STATE_ENDNUMGROUPMAP) {
         KV_TRACE(kAlways, "state mismatch asked %d given %d", PERMDATA_STATE_ENDNUMGROUPMAP,
@@ -228,8 +222,8 @@ void commit_acl(kavrin_acl_t* eacl) {
     fs_elem_t* fselemx1 = &image.element(offset);
     KV_ASSERT_AS(fselemx1 != nullptr, "fselemx1 != NULL");
     fselemx1->acl_offset = header.next_free_acl;
-    std::memcpy(&image.acl_space(AclOffset{header.next_free_acl}), beacl.get(), size);
-    header.next_free_acl += size;
+    write_record(*eacl, image.acl_space(AclOffset{header.next_free_acl}));
+    header.next_free_acl += record_size(*eacl);
 
     free_kavrin_acl(eacl);
     std::free(eacl);
@@ -259,7 +253,9 @@ void close_child_array() {
 
 const Key* find_key(std::string_view text) {
     for (const Key& key : kKeys) {
-        if (key.text == text) return &key;
+        // Seven keys an element: the cheap tests first.
+        if (key.text.size() == text.size() && key.text.front() == text.front() && key.text == text)
+            return &key;
     }
     return nullptr;
 }

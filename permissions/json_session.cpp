@@ -1,7 +1,6 @@
 // See json_session.h.
 #include "permissions/json_session.h"
 
-#include <cctype>
 #include <climits>
 #include <cstdio>
 
@@ -43,8 +42,9 @@ void JsonSession::complete() {
 }
 
 unsigned long long decimal_value(std::string_view text) {
+    const auto is_space = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
     std::size_t at = 0;
-    while (at < text.size() && std::isspace(static_cast<unsigned char>(text[at])) != 0) ++at;
+    while (at < text.size() && is_space(text[at])) ++at;
     bool negative = false;
     if (at < text.size() && (text[at] == '+' || text[at] == '-')) negative = text[at++] == '-';
     unsigned long long value = 0;

@@ -71,20 +71,28 @@ namespace {
 using namespace kavrin;
 
 // The trace of a new name goes to standard output whatever the debug level. A map has millions of
-// names, so the line is put together by hand and the stream is locked once.
+// names, so the line is put together by hand and written with one call.
 void trace_name(std::string_view name, std::uint32_t hash) {
     constexpr std::string_view kBefore = "--------> Name ";
     constexpr std::string_view kBetween = " hahsval ";
     constexpr std::string_view kAfter = " \n";
-    char digits[10];
-    const auto end = std::to_chars(digits, digits + sizeof digits, hash).ptr;
-    flockfile(stdout);
-    fwrite_unlocked(kBefore.data(), 1, kBefore.size(), stdout);
-    fwrite_unlocked(name.data(), 1, name.size(), stdout);
-    fwrite_unlocked(kBetween.data(), 1, kBetween.size(), stdout);
-    fwrite_unlocked(digits, 1, static_cast<std::size_t>(end - digits), stdout);
-    fwrite_unlocked(kAfter.data(), 1, kAfter.size(), stdout);
-    funlockfile(stdout);
+    constexpr std::size_t kUsualName = 255;
+    constexpr std::size_t kDigits = 10;
+    if (name.size() > kUsualName) {
+        std::printf("--------> Name %.*s hahsval %u \n", static_cast<int>(name.size()), name.data(),
+                    hash);
+        return;
+    }
+    char line[kBefore.size() + kUsualName + kBetween.size() + kDigits + kAfter.size()];
+    char* end = line;
+    for (const std::string_view part : {kBefore, name, kBetween}) {
+        std::memcpy(end, part.data(), part.size());
+        end += part.size();
+    }
+    end = std::to_chars(end, end + kDigits, hash).ptr;
+    std::memcpy(end, kAfter.data(), kAfter.size());
+    end += kAfter.size();
+    std::fwrite(line, 1, static_cast<std::size_t>(end - line), stdout);
 }
 
 void require_summary(const memsummary_t* sum, const jsonstack_t* stelem) {

@@ -11,63 +11,20 @@ memsummary_t* memsummary = nullptr;
 namespace kavrin {
 namespace {
 
-// Released elements, linked through `links`. Parsing is single-threaded by contract.
-oneway_list_elem_t* kept = nullptr;
-
-jsonstack_t* element_of(oneway_list_elem_t* links) {
-    return reinterpret_cast<jsonstack_t*>(links);  // the links are its first member
+void trim_kept_stackelems() {
+    while (kept_stackelems != nullptr) {
+        oneway_list_elem_t* links = kept_stackelems;
+        kept_stackelems = kept_stackelems->next_elem;
+        std::free(stackelem_of(links));
+    }
 }
 
 }  // namespace
 
-jsonstack_t* allocate_stackelem() {
-    jsonstack_t* element = nullptr;
-    if (kept != nullptr) {
-        element = element_of(kept);
-        kept = kept->next_elem;
-        *element = jsonstack_t{};
-    } else {
-        element = static_cast<jsonstack_t*>(std::calloc(1, sizeof(jsonstack_t)));
-        if (element == nullptr) return nullptr;
-    }
-    element->stetype = STELEM_TYPE_INVALID;
+jsonstack_t* allocate_from_heap() {
+    auto* element = static_cast<jsonstack_t*>(std::calloc(1, sizeof(jsonstack_t)));
+    if (element != nullptr) element->stetype = STELEM_TYPE_INVALID;
     return element;
-}
-
-void release_stackelem(jsonstack_t* element) {
-    element->links.next_elem = kept;
-    kept = &element->links;
-}
-
-void trim_stackelems() {
-    while (kept != nullptr) {
-        oneway_list_elem_t* element = kept;
-        kept = kept->next_elem;
-        std::free(element_of(element));
-    }
-}
-
-e_KvListErr_t push_stackelem(kavrin_stack_head_t& stack, jsonstack_t* element) {
-    const e_KvListErr_t result = oneway_list_push(&stack.sthead, &element->links);
-    if (result == KVLIST_ERR_OK) ++stack.totalelems;
-    return result;
-}
-
-jsonstack_t* pop_stackelem(kavrin_stack_head_t& stack) {
-    kavrin_stack_head_t* head = &stack;
-    if (STACK_EMPTY(head)) {
-        KV_ASSERT(head->totalelems == 0);
-        return nullptr;
-    }
-    oneway_list_elem_t* top = head->sthead.first_elem;
-    oneway_list_remove(&head->sthead, top);
-    --head->totalelems;
-    return element_of(top);
-}
-
-jsonstack_t& top_of(const kavrin_stack_head_t& stack) {
-    KV_ASSERT_AS(stack.sthead.first_elem != nullptr, "elem != NULL");
-    return *element_of(stack.sthead.first_elem);
 }
 
 void empty_stack(kavrin_stack_head_t& stack) {
@@ -80,7 +37,7 @@ void empty_stack(kavrin_stack_head_t& stack) {
         }
         release_stackelem(element);
     }
-    trim_stackelems();
+    trim_kept_stackelems();
 }
 
 }  // namespace kavrin
