@@ -11,6 +11,13 @@
 #define KV_END_DECLS
 #endif
 
+/* The type of an enumeration that callers may hand any number in; C has it anyway. */
+#ifdef __cplusplus
+#define KV_INT_ENUM : int
+#else
+#define KV_INT_ENUM
+#endif
+
 /* Image records are packed one after another, so a record may start at any byte: the compiler
  * must never assume the natural alignment of their fields. */
 #define KV_PACKED __attribute__((packed))

@@ -23,7 +23,7 @@ KV_BEGIN_DECLS
 #define KAVRIN_ACL_VERSION 0u
 
 /** Who an ACE speaks of; only users and groups have a form in the image. */
-typedef enum e_ace_type {
+typedef enum e_ace_type KV_INT_ENUM {
     ACE_TYPE_MIN = 1,
     ACE_TYPE_USER = 1,
     ACE_TYPE_GROUP = 2,
@@ -33,7 +33,7 @@ typedef enum e_ace_type {
 } e_ace_type_t;
 
 /** What a path leads to, as the enforcement sees it. */
-typedef enum e_file_type {
+typedef enum e_file_type KV_INT_ENUM {
     FSTYPE_FILE = 1,
     FSTYPE_FOLDER = 2,
     FSTYPE_DOES_NOT_EXIST = 3,

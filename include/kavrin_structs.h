@@ -11,7 +11,7 @@
 KV_BEGIN_DECLS
 
 /** Operations a verdict can be asked for. */
-typedef enum e_fsop_type {
+typedef enum e_fsop_type KV_INT_ENUM {
     FSOP_MIN = 1,
     FSOP_CREATE = 1,
     FSOP_OPEN_READ = 2,

@@ -54,7 +54,7 @@ extern "C" void print_acl(kavrin_acl_t* acl) {
     for (const kavrin_ace_t& ace : AceRange(*acl)) {
         std::printf("ACE Number: %u\n", number++);
         std::printf("ACE version: %u\n", ace.version);
-        std::printf(ace.ace_type == 1 ? "ACE Type: Inherited\n" : "ACE Type: Explicit\n");
+        std::fputs(ace.ace_type == 1 ? "ACE Type: Inherited" : "ACE Type: Explicit", stdout);
         std::printf("ACE trustee_type: %s\n", trustee_word(ace));
         if (ace.trustee_type == ACE_TYPE_USER) std::printf("ACE uid: %u\n", ace.trustee.uid);
         if (ace.trustee_type == ACE_TYPE_GROUP) std::printf("ACE gid: %u\n", ace.trustee.gid);

@@ -26,7 +26,7 @@ bool JsonSession::feed(std::string_view piece) {
     const unsigned char* generated = nullptr;
     std::size_t length = 0;
     yajl_gen_get_buf(generator_, &generated, &length);
-    std::fwrite(generated, 1, length, stdout);
+    if (length > 0) std::fwrite(generated, 1, length, stdout);
     yajl_gen_clear(generator_);
     return status == yajl_status_ok;
 }

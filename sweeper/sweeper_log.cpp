@@ -61,9 +61,11 @@ extern "C" void close_sweeper_log(sweeper_log_t* hndl) {
 extern "C" int create_sweeperlog_msg(unsigned int severity, const char* txt, int indx,
                                      char** message, unsigned int* meslen) {
     const std::time_t now = std::time(nullptr);
+    // ctime() rereads the time zone, as a service that runs for months needs it to.
     char time_text[64] = "";
-    if (ctime_r(&now, time_text) != nullptr && *time_text != 0)
-        time_text[std::strlen(time_text) - 1] = 0;
+    if (const char* text = std::ctime(&now); text != nullptr)
+        std::snprintf(time_text, sizeof time_text, "%.*s", static_cast<int>(std::strlen(text) - 1),
+                      text);
 
     const std::size_t size = std::strlen(time_text) + std::strlen(txt) + kLineOverhead;
     char* grown = static_cast<char*>(std::realloc(*message, size));

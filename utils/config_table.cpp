@@ -25,6 +25,9 @@ using kavrin::kAlways;
 constexpr std::size_t kTableSize = PARAM_MAX_INDEX * sizeof(global_param_t);
 constexpr int kProjectId = 3456;
 
+// What the messages of a creation name themselves with.
+constexpr char kCreate[] = "create_config_buffer";
+
 static_assert(sizeof(global_param_t) == 1040);
 static_assert(offsetof(global_param_t, type) == 0);
 static_assert(offsetof(global_param_t, varname) == 8);
@@ -67,13 +70,13 @@ key_t table_key() {
 bool clear_the_way() {
     sleep(1);
     if (remove_config_buffer() != 0) {
-        KV_TRACE(kAlways, "%s: cannot remove shared memory for global param.\n", __func__);
+        KV_TRACE(kAlways, "%s: cannot remove shared memory for global param.\n", kCreate);
         return false;
     }
     sleep(1);
     KV_TRACE(kAlways,
              "%s: success removing shared memory for global param will try to re-create.\n",
-             __func__);
+             kCreate);
     return true;
 }
 
@@ -82,7 +85,7 @@ int create_segment() {
     for (int attempt = 1;; ++attempt) {
         const key_t key = table_key();
         if (key == -1) {
-            KV_TRACE(kAlways, "%s: cannot create sema key for shm\n", __func__);
+            KV_TRACE(kAlways, "%s: cannot create sema key for shm\n", kCreate);
             return -1;
         }
         const int id = shmget(key, kTableSize, IPC_CREAT | IPC_EXCL | 0666);
@@ -90,12 +93,12 @@ int create_segment() {
         const int error = errno;
         KV_TRACE(kAlways,
                  "%s: cannot create shared memory for global param error_no=%d error_sz=%s\n",
-                 __func__, error, std::strerror(error));
+                 kCreate, error, std::strerror(error));
         if (error != EEXIST || attempt == 2) return -1;
         KV_TRACE(kAlways,
                  "%s: cannot create shared memory for global param error_no=%d error_sz=%s will "
                  "remove and retry\n",
-                 __func__, error, std::strerror(error));
+                 kCreate, error, std::strerror(error));
         if (!clear_the_way()) return -1;
     }
 }
