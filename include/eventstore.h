@@ -68,7 +68,8 @@ int create_config_buffer(void);
  *  @return 0 when there was one, else -1 */
 int remove_config_buffer(void);
 
-/** Copies the shared table into the private one; a missing one is created, all zero.
+/** Copies the shared table into the private one; a missing one is created, all zero. Not in the
+ *  process that called create_config_buffer(): there `global_params` is the segment itself.
  *  @return 0, or -1 */
 int read_kavrin_config(void);
 

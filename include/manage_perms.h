@@ -10,7 +10,7 @@ KV_BEGIN_DECLS
  * Fills the image of an initialised summary.
  *
  * With a data file: parses it, persists the image and removes the data and size files, also when
- * the parse or the persisting failed. A document that the parser rejected still leaves what was
+ * the parse or the persisting failed (both stay when there is no memory to read into). A document that the parser rejected still leaves what was
  * built until then; only the persist result is returned. Without one: loads the persisted map.
  *
  * @return SHM_MEMBE_OK; SHM_MEMBE_ERR_BADARGS, _PERMMAP_WRERR, _PERMMAP_RDERR,

@@ -12,6 +12,9 @@ namespace {
 
 using namespace kavrin;
 
+// What the messages of the walk to the governing ACL name themselves with.
+constexpr char kWalk[] = "get_nonempty_kavrinacl_fromfselemoffset";
+
 struct AclDeleter {
     void operator()(kavrin_acl_t* acl) const {
         free_kavrin_acl(acl);
@@ -87,11 +90,11 @@ ElementOffset governing_element(const ImageView& image, ElementOffset offset) {
         const e_membe_shm_err ret = get_bacl_fromfselem(&image.header(), raw(offset), &bacl);
         KV_ASSERT(ret == SHM_MEMBE_OK);
         if ((element.flags & FSELEM_FLAG_ROOT) != 0) {
-            KV_TRACE(kDecision, "%s(%d) : reached root", __func__, __LINE__);
+            KV_TRACE(kDecision, "%s(%d) : reached root", kWalk, __LINE__);
             return offset;
         }
         if (bacl->num_aces != 0) {
-            KV_TRACE(kDecision, "%s(%d) : num_aces %d", __func__, __LINE__,
+            KV_TRACE(kDecision, "%s(%d) : num_aces %d", kWalk, __LINE__,
                      static_cast<int>(bacl->num_aces));
             return offset;
         }

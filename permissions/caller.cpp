@@ -84,7 +84,7 @@ e_vfs_enforce_perms_t Caller::identify() {
     if (_set_group_bit(&pts.num_sup_gids, pts.gids, kavrin_admins_gid, &pts.admin) == -1 ||
         _set_group_bit(&pts.num_sup_gids, pts.gids, kavrin_powerusers_gid, &pts.poweruser) == -1)
         return KVPERMS_SYSTEM_ERR;
-    KV_TRACE(kTrace, "%s: admin=%d power_user=%d", __func__, pts.admin, pts.poweruser);
+    KV_TRACE(kTrace, "%s: admin=%d power_user=%d", "vfs_enforce_perms", pts.admin, pts.poweruser);
     return KVPERMS_HAS_PERMS;
 }
 

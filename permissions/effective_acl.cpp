@@ -58,7 +58,7 @@ e_membe_shm_err acl_for_path(void* membuf, const char* path, kavrin_acl_t** acl,
         KV_ASSERT_AS(false, "ret == SHM_MEMBE_OK");
     }
     if (inherited) {
-        KV_TRACE(kTrace, "Setting INHERITED flag %s(%d)", __func__, __LINE__);
+        KV_TRACE(kTrace, "Setting INHERITED flag %s(%d)", "get_kavrin_acl", __LINE__);
         set_inheritance_flag(eacl, 1);
     }
     KV_ASSERT_AS(eacl != nullptr, "eacl != NULL");

@@ -46,6 +46,11 @@ public:
         return *at<child_list_t>(header().list_offset, static_cast<std::uint32_t>(offset));
     }
 
+    ElementOffset offset_of(const fs_elem_t& element) const {
+        return ElementOffset{static_cast<std::uint32_t>(
+            reinterpret_cast<const std::byte*>(&element) - base_ - header().fselem_offset)};
+    }
+
     // Records that must be there.
     fs_elem_t& element(ElementOffset offset) const {
         fs_elem_t& found = element_space(offset);

@@ -63,7 +63,7 @@ void parse_data_file(int file, std::size_t size, const ReadBuffer& buffer, JsonS
 
 void remove_file(const char* path, const char* which) {
     if (path != nullptr && unlink(path) == 0) return;
-    const int error = path == nullptr ? EINVAL : errno;
+    const int error = path == nullptr ? EFAULT : errno;
     const char* name = path == nullptr ? "" : path;
     report(CANNOT_UNLINK_JSON_FILES, SWEEPER_LOGSEV_WARN, "Could not unlink %s file %s errno %d",
            which, name, error);

@@ -33,15 +33,27 @@ bool usable(const memsummary_t& summary, const char* path) {
     return true;
 }
 
+// What an image has for a validity mark; 0 when it is too short for a header.
+std::uint32_t mark_of(const memsummary_t& summary) {
+    if (summary.memsize < sizeof(kavrin_be_header_t)) return 0;
+    return ImageView(summary.membuf).header().signature;
+}
+
+bool has_validity_mark(const memsummary_t& summary) {
+    return mark_of(summary) == KAVRIN_BE_HEADER_SIGNATURE;
+}
+
 }  // namespace
 
 e_membe_shm_err persist_perm_map(const memsummary_t& summary, const char* path) {
     if (!usable(summary, path)) return SHM_MEMBE_ERR_BADARGS;
-    if (!ImageView(summary.membuf).has_validity_mark()) {
+    if (!has_validity_mark(summary)) {
         KV_TRACE(kAlways, "Invalid or uninitialized buffer");
         return SHM_MEMBE_ERR_BADARGS;
     }
     const FileDescriptor file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kMapFileMode));
+    // Whatever the umask, and whatever the mode of an older file.
+    fchmod(file.get(), kMapFileMode);
     // Descriptor 0 counts as failure: a service whose standard input is closed is not set up right.
     if (file.get() <= 0 ||
         write(file.get(), summary.membuf, summary.memsize) != ssize_t{summary.memsize}) {
@@ -70,9 +82,8 @@ e_membe_shm_err restore_perm_map(const memsummary_t& summary, const char* path) 
         KV_TRACE(kAlways, "Cannot read permission map");
         return SHM_MEMBE_ERR_PERMMAP_RDERR;
     }
-    const ImageView image(summary.membuf);
-    if (!image.has_validity_mark()) {
-        KV_TRACE(kAlways, "Invalid buffer %0x", image.header().signature);
+    if (!has_validity_mark(summary)) {
+        KV_TRACE(kAlways, "Invalid buffer %0x", mark_of(summary));
         return SHM_MEMBE_ERR_PERMMAP_RDERR;
     }
     return SHM_MEMBE_OK;

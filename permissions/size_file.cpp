@@ -320,7 +320,9 @@ extern "C" e_membe_shm_err init_permbe_shm(memsummary_t* perm_be_shm) {
     }
     populate(perm_be_shm->membuf, perm_be_shm->memsize);
     std::memset(perm_be_shm->membuf, 0, perm_be_shm->memsize);
-    write_header(ImageView(perm_be_shm->membuf).header(), *perm_be_shm);
+    // A persisted map cut short has no room for one; reading it will say so.
+    if (perm_be_shm->memsize >= kHeaderSize)
+        write_header(ImageView(perm_be_shm->membuf).header(), *perm_be_shm);
 
     const e_membe_shm_err result = process_permmap(perm_be_shm);
     if (result == SHM_MEMBE_OK) {

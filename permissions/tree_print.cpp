@@ -18,8 +18,13 @@ extern "C" void walk_tree(kavrin_be_header_t* beheader, fs_elem_t* parent, int l
     KV_TRACE(kTrace, "Level %d Name %s", level + 1, image.name_of(*parent).name);
     if ((parent->flags & FSELEM_FLAG_NOCHILDREN) != 0) return;
     const child_list_t& list = image.children_of(*parent);
-    for (std::uint32_t slot = 0; slot < list.num_children; ++slot)
-        walk_tree(beheader, &image.element(ElementOffset{list.children_offsets[slot]}), level + 1);
+    const std::uint32_t self = raw(image.offset_of(*parent));
+    for (std::uint32_t slot = 0; slot < list.num_children; ++slot) {
+        fs_elem_t& child = image.element(ElementOffset{list.children_offsets[slot]});
+        // In an image cut short an unfilled slot names the root, and an element without a list
+        // reads somebody else's: only a child that knows its parent is one.
+        if (child.parent_offset == self) walk_tree(beheader, &child, level + 1);
+    }
 }
 
 extern "C" void print_tree(kavrin_be_header_t* beheader) {
