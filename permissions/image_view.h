@@ -1,8 +1,8 @@
 // The one gate between offsets and memory. An offset is a type of its own region, and turning one
 // into a record happens here and nowhere else; the checked forms assert the record's signature.
 //
-// Counts and cursors are trusted: an image is built from input that was checked before, and
-// published only whole. (kavrinctl's image_reader is the reader that trusts nothing.)
+// Counts and cursors are trusted: whoever publishes an image has checked it. (kavrinctl's
+// image_reader is the reader that trusts nothing.)
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,6 @@
 // The builder's primitives: each appends one record at its region's cursor, in the order in which
 // the data file names things. Nothing is searched for, moved or removed, and no cursor is held
-// against its region's size: the counts were checked before the build.
+// against its region's size: the counts are trusted, and checking them is the caller's.
 #include <cctype>
 #include <charconv>
 #include <cstddef>

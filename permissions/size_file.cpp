@@ -85,7 +85,7 @@ int size_map_key(void*, const unsigned char* key, std::size_t length) {
     return kCancel;
 }
 
-// Fills a text field; what is left of it is zero.
+// Fills a text field as far as the text goes, and terminates it where there is room.
 template <std::size_t size>
 void fill(char (&field)[size], std::string_view text) {
     std::memset(field, 0, std::min(text.size() + 1, size));
@@ -242,8 +242,9 @@ void write_header(kavrin_be_header_t& header, const memsummary_t& summary) {
     const std::uint32_t elements = summary.total_fselems;
     const std::uint32_t aces = summary.total_aces;
     const std::uint32_t names = summary.total_namelen;
-    std::memcpy(header.mapname, summary.mapname, sizeof header.mapname);
-    std::memcpy(header.version, summary.version, sizeof header.version);
+    // Into a cleared header: behind its end a text is zero, whatever an earlier value left.
+    std::memcpy(header.mapname, summary.mapname, strnlen(summary.mapname, MAXMAP_NAMELEN));
+    std::memcpy(header.version, summary.version, strnlen(summary.version, MAXMAP_VERSION_NAMELEN));
     std::memset(header.nextmap, 0, sizeof header.nextmap);
     header.generationnum = summary.generationnum;
     header.timestamp = summary.timestamp;

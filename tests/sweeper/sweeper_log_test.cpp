@@ -183,7 +183,9 @@ TEST_F(SweeperLogTest, ExhaustedMemoryFailsTheLine) {
     if (!kvtest::can_refuse_memory()) GTEST_SKIP() << "the sanitizer owns the allocator";
     std::time(nullptr);
     make_line(1, "the zone files are read by now", 0);
-    for (int nth = 1;; ++nth) {
+    // The C library may allocate for the time's text; what is refused there costs no line.
+    int lines_lost = 0;
+    for (int nth = 1; nth < 10; ++nth) {
         kvtest::clear_log();
         char* message = nullptr;
         unsigned size = 0;
@@ -193,14 +195,12 @@ TEST_F(SweeperLogTest, ExhaustedMemoryFailsTheLine) {
             result = create_sweeperlog_msg(1, "text", 0, &message, &size);
         }
         std::free(message);
-        if (result == 0) {
-            EXPECT_GT(nth, 1);
-            break;
-        }
+        if (result == 0) continue;
+        ++lines_lost;
         EXPECT_EQ(result, -1);
         EXPECT_EQ(logged("sweeper: Cannot allocate memory for sweeper log buffer\n"), 1);
-        ASSERT_LT(nth, 100);
     }
+    EXPECT_EQ(lines_lost, 1);
 }
 
 TEST_F(SweeperLogTest, ReportsAreAppended) {
