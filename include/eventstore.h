@@ -49,7 +49,7 @@ typedef enum e_kavrin_global_index {
 /** One slot, 1,040 bytes. */
 typedef struct global_param_s {
     uint32_t type;       /**< e_param_val_type_t */
-    const char *varname; /**< key string; an address of the creating process, meaningless elsewhere */
+    const char *varname; /**< key string; an address of the creating process, of no use elsewhere */
     union {
         int32_t intval; /**< also booleans: 0 or not */
         char strval[KAVRIN_PARAM_STRLEN];

@@ -27,7 +27,7 @@ typedef enum e_KvListErr {
 /** Links of one element; zero-filled means unlinked. */
 typedef struct oneway_list_elem_s {
     struct oneway_list_elem_s *next_elem; /**< next element, or null */
-    struct oneway_list_elem_s **ptr2prev; /**< the previous element's `next_elem`; null when first */
+    struct oneway_list_elem_s **ptr2prev; /**< the previous one's `next_elem`; null when first */
 } oneway_list_elem_t;
 
 /** Head of a list; zero-filled means empty. */

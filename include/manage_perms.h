@@ -10,8 +10,9 @@ KV_BEGIN_DECLS
  * Fills the image of an initialised summary.
  *
  * With a data file: parses it, persists the image and removes the data and size files, also when
- * the parse or the persisting failed (both stay when there is no memory to read into). A document that the parser rejected still leaves what was
- * built until then; only the persist result is returned. Without one: loads the persisted map.
+ * the parse or the persisting failed (both stay without memory to read into). A document that the
+ * parser rejected still leaves what was built until then; only the persist result is returned.
+ * Without one: loads the persisted map.
  *
  * @return SHM_MEMBE_OK; SHM_MEMBE_ERR_BADARGS, _PERMMAP_WRERR, _PERMMAP_RDERR,
  *         _PERMMAP_BUFFER2SMALL or _NOMEM.

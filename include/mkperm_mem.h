@@ -1,4 +1,4 @@
-/* First and second call of a load: size the image from the size file, then lay it out and fill it. */
+/* The two calls of a load: size the image from the size file, then lay it out and fill it. */
 #ifndef KAVRIN_MKPERM_MEM_H
 #define KAVRIN_MKPERM_MEM_H
 

@@ -22,7 +22,7 @@ KV_BEGIN_DECLS
 #define LISTSIG 0x789A789Au
 #define ACLSIG 0xCDEFCDEFu
 
-/** `parent_offset` of a root that is created but not yet opened by its map, and of a finished one. */
+/** `parent_offset` of a root that is created but not yet opened, and of a finished one. */
 #define FSELEM_ROOT_OFFSET 0xFFFFFFFFu
 #define FSELEM_ROOT_OFFSET2 0xFFFFFFFEu
 
@@ -158,7 +158,7 @@ typedef struct memsummary_s {
     kavrin_stack_head_t sth;     /**< parse stack, empty between loads */
     char mapname[MAXMAP_NAMELEN];
     char *perm_map_name_size;    /**< heap copy of the size file's path */
-    char *perm_map_name_data;    /**< heap copy of the data file's path; null: load the persisted map */
+    char *perm_map_name_data;    /**< heap copy of the data file's path; null: persisted map */
     char version[MAXMAP_VERSION_NAMELEN];
     uint32_t generationnum;
     int64_t timestamp;

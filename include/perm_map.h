@@ -34,7 +34,7 @@ void destroy_perm_map(void);
 /** Key of the segment that is not `current` (0 or 1, asserted). */
 key_t get_next_perm_table_key(int current);
 
-/** Segment id of table `current` (0 or 1, asserted); -2 when there is none, -1 on another failure. */
+/** Segment id of table `current` (0 or 1, asserted); -2 when there is none, -1 on a failure. */
 int get_current_perm_table_shmid(int current);
 
 /**

@@ -25,7 +25,9 @@ void give_footer(CLI::App& app) {
 
 }  // namespace
 
-void note(std::string_view message) { fmt::print(stderr, "kavrinctl: {}\n", message); }
+void note(std::string_view message) {
+    fmt::print(stderr, "kavrinctl: {}\n", message);
+}
 
 void on_run(CLI::App& command, std::function<Exit()> body) {
     command.callback([body = std::move(body)] { chosen_exit = body(); });
@@ -40,8 +42,8 @@ void use_library(int debug_level) {
     const bool shared = shmget(key, PARAM_MAX_INDEX * sizeof(global_param_t), 0) >= 0;
     if (!shared || read_kavrin_config() != 0) {
         std::free(global_params);
-        global_params = static_cast<global_param_t*>(
-            std::calloc(PARAM_MAX_INDEX, sizeof(global_param_t)));
+        global_params =
+            static_cast<global_param_t*>(std::calloc(PARAM_MAX_INDEX, sizeof(global_param_t)));
         if (global_params == nullptr) fail(Exit::kFailure, "out of memory");
     }
     global_params[PARAM_DEBUG_LEVEL].value.intval = debug_level;

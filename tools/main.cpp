@@ -1,4 +1,6 @@
 // kavrinctl: see command.h.
 #include "command.h"
 
-int main(int argc, char** argv) { return kavrinctl::run(argc, argv); }
+int main(int argc, char** argv) {
+    return kavrinctl::run(argc, argv);
+}

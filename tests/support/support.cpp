@@ -58,10 +58,18 @@ int count(const std::vector<LogLine>& lines, std::string_view wanted, bool whole
 
 }  // namespace
 
-const std::vector<LogLine>& log_lines() { return captured; }
-void clear_log() { captured.clear(); }
-int logged(std::string_view message) { return count(captured, message, true); }
-int logged_part(std::string_view part) { return count(captured, part, false); }
+const std::vector<LogLine>& log_lines() {
+    return captured;
+}
+void clear_log() {
+    captured.clear();
+}
+int logged(std::string_view message) {
+    return count(captured, message, true);
+}
+int logged_part(std::string_view part) {
+    return count(captured, part, false);
+}
 
 ConfigTable::ConfigTable(int debug_level) : previous_(global_params) {
     global_params =
@@ -74,7 +82,9 @@ ConfigTable::~ConfigTable() {
     std::free(global_params);
     global_params = previous_;
 }
-void ConfigTable::set_debug_level(int level) { set_int(PARAM_DEBUG_LEVEL, level); }
+void ConfigTable::set_debug_level(int level) {
+    set_int(PARAM_DEBUG_LEVEL, level);
+}
 void ConfigTable::set_int(int slot, int value) {
     global_params[slot].type = PARAM_VAL_TYPE_INT;
     global_params[slot].value.intval = value;
@@ -89,8 +99,12 @@ void ConfigTable::set_string(int slot, std::string_view value) {
 bool ChildResult::asserted(std::string_view expression) const {
     return aborted() && err.find(expression) != std::string::npos;
 }
-int ChildResult::logged(std::string_view message) const { return count(log, message, true); }
-int ChildResult::logged_part(std::string_view part) const { return count(log, part, false); }
+int ChildResult::logged(std::string_view message) const {
+    return count(log, message, true);
+}
+int ChildResult::logged_part(std::string_view part) const {
+    return count(log, part, false);
+}
 
 ChildResult run_child(const std::function<int()>& body) {
     int pipes[3][2];
@@ -270,8 +284,7 @@ struct Counts {
     std::uint64_t names = 0;
 };
 
-void ids(std::string& out,
-         const std::vector<std::pair<std::uint32_t, std::uint32_t>>& entries) {
+void ids(std::string& out, const std::vector<std::pair<std::uint32_t, std::uint32_t>>& entries) {
     bool first = true;
     for (const auto& [id, mask] : entries) {
         if (!first) out += ',';
@@ -284,9 +297,9 @@ void emit(std::string& out, const Node& node, Counts& counts) {
     ++counts.elements;
     counts.aces += node.users.size() + node.groups.size();
     counts.names += node.name.size() + 1;
-    out += "{\"DIR\":" + json_string(node.name) + ",\"ACL\":[{\"NUMUSERS\":" +
-           std::to_string(node.users.size()) + "},{\"NUMGROUPS\":" +
-           std::to_string(node.groups.size()) + "},{\"USERS\":{";
+    out += "{\"DIR\":" + json_string(node.name) +
+           ",\"ACL\":[{\"NUMUSERS\":" + std::to_string(node.users.size()) +
+           "},{\"NUMGROUPS\":" + std::to_string(node.groups.size()) + "},{\"USERS\":{";
     ids(out, node.users);
     out += "}},{\"GROUPS\":{";
     ids(out, node.groups);
@@ -360,7 +373,9 @@ void publish(const Pair& pair) {
     free_summary(summary);
 }
 
-void publish(const Node& root) { publish(to_pair(root)); }
+void publish(const Node& root) {
+    publish(to_pair(root));
+}
 
 }  // namespace kvtest
 

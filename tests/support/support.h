@@ -52,9 +52,9 @@ private:
 struct ChildResult {
     bool exited = false;
     int exit_code = -1;
-    int signal = 0;         // 6 (SIGABRT) after an assertion
-    std::string out;        // its standard output
-    std::string err;        // its standard error
+    int signal = 0;   // 6 (SIGABRT) after an assertion
+    std::string out;  // its standard output
+    std::string err;  // its standard error
     std::vector<LogLine> log;
     bool aborted() const { return signal == 6; }
     // True when it aborted and its standard error holds this assertion text.
