@@ -50,18 +50,19 @@ private:
         std::uint64_t elements = 0;  // element objects read so far
     };
 
-    void child_array(const Token& open, Element* parent);
-    void child_object(const Token& open, ChildArray& array, Element* parent);
-    void count_object(Token key, ChildArray& array);
-    void check_count(const Token& open, const ChildArray& array);
-    void element(const Place& place, Token key, bool has_key, Element* parent);
-    void member(Element& self, std::size_t key, const Token& value);
-    void close(Element& self, Element* parent);
+    // One frame of each of these a level of a hostile document: kept small, so not merged.
+    [[gnu::noinline]] void child_array(const Token& open, Element* parent);
+    [[gnu::noinline]] void child_object(const Token& open, ChildArray& array, Element* parent);
+    [[gnu::noinline]] void count_object(Token key, ChildArray& array);
+    [[gnu::noinline]] void check_count(const Token& open, const ChildArray& array);
+    [[gnu::noinline]] void element(const Place& place, Token key, bool has_key, Element* parent);
+    [[gnu::noinline]] void member(Element& self, std::size_t key, const Token& value);
+    [[gnu::noinline]] void close(Element& self, Element* parent);
 
-    void name(Element& self, const Token& value);
-    void warn_of_name(const Token& value);
-    void check_path(Element& self, const Token& value);
-    void show(const Element& self, std::string_view name);
+    [[gnu::noinline]] void name(Element& self, const Token& value);
+    [[gnu::noinline]] void warn_of_name(const Token& value);
+    [[gnu::noinline]] void check_path(Element& self, const Token& value);
+    [[gnu::noinline]] void show(const Element& self, std::string_view name);
 
     JsonWalk walk_;
     LintCounts counts_;

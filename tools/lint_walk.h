@@ -87,7 +87,8 @@ public:
     bool sound_string(const Token& token, std::string_view what);
 
     template <typename... Args>
-    void violation(const Place& place, fmt::format_string<Args...> format, Args&&... args) {
+    [[gnu::noinline]] void violation(const Place& place, fmt::format_string<Args...> format,
+                                     Args&&... args) {
         findings_.add(Severity::kViolation, place, path, format, std::forward<Args>(args)...);
     }
     template <typename... Args>
