@@ -1,6 +1,8 @@
 /* The configuration table: nineteen parameters in shared memory, written by the service that
  * builds maps and copied by every other process. Every trace message asks the table for its debug
- * level, so create_config_buffer() or read_kavrin_config() comes before any other call. */
+ * level, so create_config_buffer() or read_kavrin_config() comes before any other call.
+ *
+ * And the framed records in which events travel to the event store. */
 #ifndef KAVRIN_EVENTSTORE_H
 #define KAVRIN_EVENTSTORE_H
 
@@ -72,6 +74,25 @@ int remove_config_buffer(void);
  *  process that called create_config_buffer(): there `global_params` is the segment itself.
  *  @return 0, or -1 */
 int read_kavrin_config(void);
+
+/** What every framed record carries. */
+#define STAGING_DATA_SIG 0x04012010u
+
+/** A packed message in its frame, as it lies in a buffer, a pending file and an audit file: without
+ *  gaps, so at any byte. It occupies `size` + 8 bytes; both numbers are little-endian. */
+typedef struct KV_PACKED staging_data_s {
+    uint32_t size; /**< bytes of payload */
+    uint32_t sig;  /**< STAGING_DATA_SIG */
+    __extension__ uint8_t buffer[];
+} staging_data_t;
+
+/** A buffer of framed records: the shared staging buffer, and the audit buffer of a process. */
+typedef struct staging_buffer_s {
+    uint32_t num_records;
+    uint32_t next_offset;     /**< where the next record goes, from the buffer's start; 16 when empty */
+    uint64_t last_flush_time; /**< audit buffer: seconds; staging buffer: 0, not maintained */
+    __extension__ uint8_t data[];
+} staging_buffer_t;
 
 KV_END_DECLS
 

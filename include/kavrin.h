@@ -17,6 +17,7 @@
 #define KAVRIN_H
 
 #include "eventstore.h"
+#include "kavrin_getgrouplist.h"
 #include "kavrin_lists.h"
 #include "kavrin_perms.h"
 #include "kavrin_stack.h"
@@ -30,5 +31,6 @@
 #include "perm_map.h"
 #include "perm_utils.h"
 #include "read_perms.h"
+#include "vfs_common.h"
 
 #endif

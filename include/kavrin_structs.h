@@ -1,5 +1,5 @@
 /* Operation codes, verdicts and the caller's identity: what the hooks pass to the enforcement and
- * what it answers. */
+ * what it answers; and the credentials that are put aside while a hook works as root. */
 #ifndef KAVRIN_STRUCTS_H
 #define KAVRIN_STRUCTS_H
 
@@ -74,6 +74,16 @@ typedef struct process_trustees_s {
     int32_t is_computer_acct;
     int32_t is_global_map_in_use; /**< 1 while a verdict is being worked out with this record */
 } process_trustees_t;
+
+/** Credentials saved while the thread runs as root; kavrin_vfs_become_root() makes one. */
+typedef struct kv_perm_ctx_s {
+    uint32_t real_uid;
+    uint32_t effective_uid;
+    uint32_t saved_uid;
+    uint32_t real_gid; /**< the gids are not read when the thread was root already */
+    uint32_t effective_gid;
+    uint32_t saved_gid;
+} kv_perm_ctx_t;
 
 KV_END_DECLS
 

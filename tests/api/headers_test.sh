@@ -2,13 +2,14 @@
 # Compiles every public header alone, and the umbrella twice over, as C11 and as C++20 with each
 # compiler at hand: no warning, and no header that leans on what another one included before it.
 #
-#   headers_test.sh INCLUDE_FOLDER
+#   headers_test.sh INCLUDE_FOLDER GENERATED_FOLDER
 set -eu
-include=$1
+include=$1 generated=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-warnings=(-Wall -Wextra -Wpedantic -Wshadow -Werror -fsyntax-only "-I$include")
+warnings=(-Wall -Wextra -Wpedantic -Wshadow -Werror -fsyntax-only "-I$include"
+          -isystem "$generated")
 compiled=0
 for header in "$include"/*.h; do
   name=$(basename "$header")

@@ -23,7 +23,10 @@ else rm -f "$build/install_manifest.txt"; fi
 for header in "$source"/include/*.h; do
   cmp "$header" "$includedir/kavrin/$(basename "$header")" || fail "$(basename "$header") is not installed"
 done
-[ "$(ls "$includedir/kavrin" | wc -l)" = "$(ls "$source"/include/*.h | wc -l)" ] ||
+for header in "$build"/generated/*.h; do
+  cmp "$header" "$includedir/kavrin/$(basename "$header")" || fail "$(basename "$header") is not installed"
+done
+[ "$(ls "$includedir/kavrin" | wc -l)" = "$(ls "$source"/include/*.h "$build"/generated/*.h | wc -l)" ] ||
   fail "more than the public headers is installed"
 [ -f "$libdir/libkavrin.a" ] || fail "no libkavrin.a"
 [ -L "$libdir/libkavrin.so" ] && [ -L "$libdir/libkavrin.so.0" ] || fail "the links to the library are missing"

@@ -3,9 +3,9 @@
 # declared in a public header; the static one also the functions with a leading underscore, all of
 # them with C linkage.
 #
-#   symbols_test.sh C_COMPILER SOURCE_FOLDER SHARED_LIBRARY STATIC_LIBRARY
+#   symbols_test.sh C_COMPILER SOURCE_FOLDER GENERATED_FOLDER SHARED_LIBRARY STATIC_LIBRARY
 set -euo pipefail
-cc=$1 source=$2 shared=$3 static=$4
+cc=$1 source=$2 generated=$3 shared=$4 static=$5
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failed=0
@@ -39,15 +39,15 @@ $(cat "$work/diff")"
   for name in "${underscored[@]}"; do echo "    (void)&$name;"; done
   echo '}'
 } > "$work/names.c"
-"$cc" -std=c11 -Werror -fsyntax-only -I"$source/include" "$work/names.c" ||
+"$cc" -std=c11 -Werror -fsyntax-only -I"$source/include" -I"$generated" "$work/names.c" ||
   fail "a name is not declared in a public header"
 
 # 3. The other way round: no public header promises a function that the shared library withholds,
 #    but for those with a leading underscore. Only gcc can list prototypes.
 if command -v gcc > /dev/null; then
   echo '#include "kavrin.h"' > "$work/all.c"
-  gcc -std=c11 -fsyntax-only -aux-info "$work/prototypes" -I"$source/include" "$work/all.c"
-  grep -F "/* $source/include/" "$work/prototypes" | grep -v ' static ' |
+  gcc -std=c11 -fsyntax-only -aux-info "$work/prototypes" -I"$source/include" -I"$generated" "$work/all.c"
+  grep -F -e "/* $source/include/" -e "/* $generated/" "$work/prototypes" | grep -v ' static ' |
     grep -oE '[A-Za-z_][A-Za-z_0-9]* \(' | tr -d ' (' | sort -u > "$work/declared"
   [ "$(wc -l < "$work/declared")" -ge 60 ] || fail "the prototypes were not understood"
   for name in $(comm -23 "$work/declared" "$work/exported"); do
