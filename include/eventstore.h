@@ -78,12 +78,14 @@ int read_kavrin_config(void);
 /** What every framed record carries. */
 #define STAGING_DATA_SIG 0x04012010u
 
+KV_BEGIN_FLEXIBLE_RECORDS
+
 /** A packed message in its frame, as it lies in a buffer, a pending file and an audit file: without
  *  gaps, so at any byte. It occupies `size` + 8 bytes; both numbers are little-endian. */
 typedef struct KV_PACKED staging_data_s {
     uint32_t size; /**< bytes of payload */
     uint32_t sig;  /**< STAGING_DATA_SIG */
-    __extension__ uint8_t buffer[];
+    uint8_t buffer[];
 } staging_data_t;
 
 /** A buffer of framed records: the shared staging buffer, and the audit buffer of a process. */
@@ -91,8 +93,10 @@ typedef struct staging_buffer_s {
     uint32_t num_records;
     uint32_t next_offset;     /**< where the next record goes, from the buffer's start; 16 when empty */
     uint64_t last_flush_time; /**< audit buffer: seconds; staging buffer: 0, not maintained */
-    __extension__ uint8_t data[];
+    uint8_t data[];
 } staging_buffer_t;
+
+KV_END_FLEXIBLE_RECORDS
 
 KV_END_DECLS
 

@@ -23,6 +23,7 @@
 #include "kavrin_stack.h"
 #include "kavrin_structs.h"
 #include "kavrin_utils.h"
+#include "kavrin_vfs_utils.h"
 #include "logging.h"
 #include "manage_perms.h"
 #include "mkperm_mem.h"
@@ -30,7 +31,9 @@
 #include "perm_enforcer.h"
 #include "perm_map.h"
 #include "perm_utils.h"
+#include "processing_functions.h"
 #include "read_perms.h"
+#include "regex_parser.h"
 #include "vfs_common.h"
 
 #endif

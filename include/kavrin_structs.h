@@ -1,10 +1,12 @@
-/* Operation codes, verdicts and the caller's identity: what the hooks pass to the enforcement and
- * what it answers; and the credentials that are put aside while a hook works as root. */
+/* What the hooks pass to the enforcement and what it answers: operation codes, verdicts, the
+ * caller's identity; the credentials put aside while a hook works as root; and the record of an SMB
+ * connection with its verdict cache. */
 #ifndef KAVRIN_STRUCTS_H
 #define KAVRIN_STRUCTS_H
 
 #include <stdint.h>
 #include <sys/types.h>
+#include <time.h>
 
 #include "kavrin_cdefs.h"
 
@@ -84,6 +86,60 @@ typedef struct kv_perm_ctx_s {
     uint32_t effective_gid;
     uint32_t saved_gid;
 } kv_perm_ctx_t;
+
+/** Slots of a verdict cache. */
+#define KAVRIN_TLB_SLOTS 1024
+
+/** Values of a verdict cache's `flush_tlb`. */
+#define KAVRIN_TLB_NO_FLUSH 9
+#define KAVRIN_TLB_FLUSH 21
+
+/** Verdicts cached for one path: the bit of operation `op` is bit `op & 31` of word `op / 32`. */
+typedef struct tlb_perms_s {
+    uint32_t set[2];   /**< a verdict is cached */
+    uint32_t value[2]; /**< 1: KVPERMS_HAS_PERMS, 0: KVPERMS_NO_PERM */
+} tlb_perms_t;
+
+/** The verdict cache of a connection. */
+typedef struct kv_vfs_table_cache_s {
+    tlb_perms_t tlb_perms[KAVRIN_TLB_SLOTS];
+    char *tlb_paths[KAVRIN_TLB_SLOTS];         /**< owned; null for a free slot */
+    int32_t tlb_index_table[KAVRIN_TLB_SLOTS]; /**< slots, the most recently used first; from
+                                                    vfs_tlb_end on, the free ones */
+    int32_t flush_tlb;   /**< KAVRIN_TLB_FLUSH: the next look-up empties the cache */
+    int32_t vfs_tlb_end; /**< positions in use */
+} kv_vfs_table_cache_t;
+
+/** Options of the module; the library never reads them. */
+typedef struct kavrin_config_s {
+    int32_t allow_computeracct;
+} kavrin_config;
+
+/** What a connection knows of the refresh markers, and whose rights it enforces. */
+typedef struct refresh_crendetials_s {
+    time_t permmap_refresh;  /**< when the map's marker was last taken notice of */
+    time_t groupmap_refresh; /**< when the group map was */
+    uid_t euid;              /**< all bits set until the connection has a user */
+    uid_t tlb_owner;         /**< for whom the cache was last flushed; diagnostic only */
+} refresh_crendetials_t;
+
+/** The module's record of an open file or a listed directory. */
+typedef struct modify_file_evt_s_s {
+    char *path;
+    int32_t is_modified;  /**< 1 when the file was written during this open */
+    int32_t is_nav_cache; /**< carried, not read */
+} modify_file_evt_s_t;
+
+/** One SMB connection. The module allocates it zero-filled and frees it; `gids` and the cache's
+ *  paths are the library's, given back by the next connect and by disconnect. */
+typedef struct kv_connection_private_data_s {
+    char *user_name_as_passed_in; /**< the session's user; written by the module */
+    kavrin_config config;
+    refresh_crendetials_t refresh_creds;
+    process_trustees_t groupmap;
+    kv_vfs_table_cache_t vfs_table_cache;
+    modify_file_evt_s_t *pmodify; /**< the module's */
+} kv_connection_private_data_t;
 
 KV_END_DECLS
 

@@ -65,17 +65,7 @@ typedef enum e_stelem_type {
     STELEM_TYPE_INVALID = 4
 } e_stelem_type;
 
-/* Names, child lists and ACLs end in an array without a length: plain C, and an extension that both
- * C++ compilers know but only one lets a header ask for quietly. */
-#ifdef __cplusplus
-#ifdef __clang__
-#pragma clang diagnostic push
-#pragma clang diagnostic ignored "-Wc99-extensions"
-#else
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wpedantic"
-#endif
-#endif
+KV_BEGIN_FLEXIBLE_RECORDS
 
 /** Image header, 176 bytes at offset 0. */
 typedef struct kavrin_be_header_s {
@@ -144,13 +134,7 @@ typedef struct KV_PACKED beacl_s {
     beace_t aces[];
 } beacl_t;
 
-#ifdef __cplusplus
-#ifdef __clang__
-#pragma clang diagnostic pop
-#else
-#pragma GCC diagnostic pop
-#endif
-#endif
+KV_END_FLEXIBLE_RECORDS
 
 /** The loader's working summary of one map. get_permbe_shmsize() allocates it; the caller owns it
  *  and its two path copies, sets `membuf`, and frees all three when done. */
