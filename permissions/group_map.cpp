@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "kavrin_getgrouplist.h"
 #include "utils/owners.h"
@@ -45,9 +46,9 @@ public:
 
     // Whether the name at this offset, which lies inside, is `name` but for case. A name without a
     // terminator inside the map is nobody's.
-    bool is_named(std::uint32_t offset, const char* name) const {
+    bool is_named(std::uint32_t offset, std::string_view name) const {
         const std::size_t room = size_ - offset;
-        return std::strlen(name) < room && strncasecmp(at(offset), name, room) == 0;
+        return name.size() < room && strncasecmp(at(offset), name.data(), name.size() + 1) == 0;
     }
 
 private:
@@ -119,13 +120,14 @@ extern "C" gid_t kavrin_reserved_gid(const void* map, std::uint32_t mapsize,
         debug_printf("reserved group table beyond map, bail\n");
         return 0;
     }
+    const std::string_view name(groupname);
     for (std::uint32_t i = 0; i < header.rnum; ++i) {
         const auto item = groups.read<ritem>(header.roffs + std::size_t{i} * sizeof(ritem));
         if (item.noffs > mapsize - 1) {
             debug_printf("reserved group item %u beyond map, bail\n", i);
             return 0;
         }
-        if (groups.is_named(item.noffs, groupname)) return item.gid;
+        if (groups.is_named(item.noffs, name)) return item.gid;
     }
     return 0;
 }
@@ -137,6 +139,7 @@ extern "C" gid_t* kavrin_getgrouplist(const void* map, std::uint32_t mapsize, co
     const GroupMap groups(map, mapsize);
     const mapheader header = groups.header();
     const std::uint32_t limit = mapsize - 1;
+    const std::string_view name(username);
     for (std::uint32_t i = 0; i < header.unum; ++i) {
         const auto item = groups.read<uitem>(header.uoffs + std::size_t{i} * sizeof(uitem));
         // The sums wrap at 32 bits, and the second starts from the name: writers allow for both.
@@ -148,7 +151,7 @@ extern "C" gid_t* kavrin_getgrouplist(const void* map, std::uint32_t mapsize, co
             debug_printf("group item %u name beyond map, bail\n", i);
             return nullptr;
         }
-        if (!groups.is_named(item.noffs, username)) continue;
+        if (!groups.is_named(item.noffs, name)) continue;
 
         auto* const gids = static_cast<gid_t*>(std::calloc(item.glen, sizeof(gid_t)));
         if (gids == nullptr) return nullptr;

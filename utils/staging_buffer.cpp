@@ -99,7 +99,7 @@ private:
 enum class Attempt { kDone, kFailed, kInterrupted };
 
 // Writes what the locked buffer holds, and empties it when that is safe on disk.
-Attempt write_records(const staging_buffer_t& buffer, TemporaryFile& file, bool first) {
+Attempt write_records(staging_buffer_t& buffer, TemporaryFile& file, bool first) {
     const std::uint32_t size = buffer.next_offset - kFirstRecord;
     const ssize_t written = write_all(file.descriptor(), buffer.data, size);
     if (written != static_cast<ssize_t>(size)) {
@@ -122,7 +122,7 @@ Attempt write_records(const staging_buffer_t& buffer, TemporaryFile& file, bool 
         return Attempt::kFailed;
     }
     file.close_descriptor();
-    initialize_staging_buffer();
+    kavrin::empty_buffer(buffer);
     return Attempt::kDone;
 }
 
@@ -144,9 +144,10 @@ Attempt move_records(TemporaryFile& file, bool first, bool& empty) {
         KV_TRACE(kAlways, "staging buffer header is damaged. num_records = %u next_offset = %u\n",
                  buffer->num_records, buffer->next_offset);
         mark_event_db_as_rescan_needed("staging buffer header is damaged\n");
-        initialize_staging_buffer();
+        kavrin::empty_buffer(*buffer);
         return Attempt::kFailed;
     }
+    kavrin::map_pages(*buffer);
     return write_records(*buffer, file, first);
 }
 

@@ -6,6 +6,7 @@
 #include "utils/staging_segment.h"
 
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 
@@ -96,6 +97,20 @@ void StagingSemaphore::post() {
     errno = saved_errno;
 }
 
+void map_pages(staging_buffer_t& buffer) {
+    const int saved_errno = errno;
+    madvise(&buffer, configured_size(), MADV_POPULATE_WRITE);  // or they are mapped when touched
+    errno = saved_errno;
+}
+
+void empty_buffer(staging_buffer_t& buffer) {
+    // The header first: whoever dies on the way leaves an empty buffer, not one that holds zeros.
+    set_buffer_fill(buffer, 0, kFirstRecord);
+    buffer.last_flush_time = 0;
+    if (const std::size_t size = configured_size(); size > kFirstRecord)
+        std::memset(buffer.data, 0, size - kFirstRecord);
+}
+
 std::size_t staging_segment_size() {
     const key_t key = segment_key();
     if (key == kNoKey) return 0;
@@ -145,8 +160,7 @@ extern "C" int create_staging_buffer(void) {
 }
 
 extern "C" int initialize_staging_buffer(void) {
-    const std::size_t size = configured_size();
-    const int segment = shmget(segment_key(), size, 0666);
+    const int segment = shmget(segment_key(), configured_size(), 0666);
     if (segment < 0) {
         KV_TRACE(kAlways, "cannot access shared memory for staging buffer, errno = %d\n", errno);
         return -1;
@@ -156,10 +170,8 @@ extern "C" int initialize_staging_buffer(void) {
         KV_TRACE(kAlways, "cannot attach to shm, errno = %d\n", errno);
         return -1;
     }
-    // The header first: whoever dies on the way leaves an empty buffer, not one that holds zeros.
-    kavrin::set_buffer_fill(*buffer, 0, kavrin::kFirstRecord);
-    buffer->last_flush_time = 0;
-    if (size > kavrin::kFirstRecord) std::memset(buffer->data, 0, size - kavrin::kFirstRecord);
+    kavrin::map_pages(*buffer);
+    kavrin::empty_buffer(*buffer);
     shmdt(buffer);
     return 0;
 }

@@ -51,6 +51,12 @@ private:
     staging_buffer_t* buffer_;
 };
 
+// Maps a whole buffer at one go: page by page, that would cost more than copying what it holds.
+void map_pages(staging_buffer_t& buffer);
+
+// Empties an attached buffer; holders of the semaphore only.
+void empty_buffer(staging_buffer_t& buffer);
+
 // Bytes of the segment as the kernel has it, 0 when there is none: the configured size may have
 // changed since it was created.
 std::size_t staging_segment_size();

@@ -126,21 +126,20 @@ extern "C" int reset_groupmap(kv_connection_private_data_t* private_data) {
 
 extern "C" void refresh_credentials(kv_connection_private_data_t* private_data) {
     refresh_crendetials_t& creds = private_data->refresh_creds;
-    const int pid = static_cast<int>(getpid());
     const uid_t current = geteuid();
     bool missing = false;
 
     const bool groups_changed = marker_changed(kGroupMap, creds.groupmap_refresh, missing);
     if (missing) KV_TRACE(kAlways, "Error: Group map refresh file %s is missing", kGroupMap);
     if (groups_changed)
-        KV_TRACE(kEntry, "Kavrin Group map will be refreshed  for process %d %u for pid %d ", pid,
-                 current, pid);
+        KV_TRACE(kEntry, "Kavrin Group map will be refreshed  for process %d %u for pid %d ",
+                 static_cast<int>(getpid()), current, static_cast<int>(getpid()));
 
     const bool map_changed = marker_changed(kMapMarker, creds.permmap_refresh, missing);
     if (missing) KV_TRACE(kAlways, "Error: Permission map refresh file %s is missing", kMapMarker);
     if (map_changed)
         KV_TRACE(kEntry, "Kavrin Permissions map will be refreshed for process %d %u for pid %d ",
-                 pid, current, pid);
+                 static_cast<int>(getpid()), current, static_cast<int>(getpid()));
 
     const bool user_changed = current != 0 && current != creds.euid;
     if (user_changed) creds.euid = current;
