@@ -130,8 +130,8 @@ typedef struct modify_file_evt_s_s {
     int32_t is_nav_cache; /**< carried, not read */
 } modify_file_evt_s_t;
 
-/** One SMB connection. The module allocates it zero-filled and frees it; `gids` and the cache's
- *  paths are the library's, given back by the next connect and by disconnect. */
+/** One SMB connection. The module allocates it zero-filled and frees it, and with it the last
+ *  `groupmap.gids`, which each reset replaces; the cache's paths are given back by disconnect. */
 typedef struct kv_connection_private_data_s {
     char *user_name_as_passed_in; /**< the session's user; written by the module */
     kavrin_config config;

@@ -33,6 +33,13 @@ constexpr std::size_t kRandomSize = 8;
 constexpr char kAlphabet[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+;";
 static_assert(sizeof kAlphabet == 64 + 1);
 
+// The name of a file whose time is not known. Negative when it cannot be formatted.
+int write_untimed_name(char* name, const char* folder) {
+    char random[kRandomSize];
+    return std::snprintf(name, kNameSize, "%s/%sunk_time_%s", folder, kPrefix,
+                         rand_string(random, sizeof random));
+}
+
 // Renames without ever replacing a file. Where the file system cannot, a second link does the same
 // in two steps: the file has both names for a moment.
 bool rename_to_free_name(const char* from, const char* to) {
@@ -62,27 +69,30 @@ bool is_folder(const char* path) {
 }
 
 HeapString temporary_name(const char* folder, const char* name_template) {
-    const std::size_t size = std::strlen(folder) + std::strlen(name_template) + 2;
+    const std::size_t size = std::strlen(folder) + std::strlen(name_template) + 1;
     HeapString name(static_cast<char*>(std::malloc(size)));
-    if (name != nullptr) std::snprintf(name.get(), size, "%s/%s", folder, name_template);
+    if (name != nullptr) std::snprintf(name.get(), size, "%s%s", folder, name_template);
     return name;
 }
 
 bool rename_to_pending(const char* temporary, HeapString& name, const char* folder) {
-    // Names differ by the microsecond, so waiting for another one ends every collision; a clock
-    // that stands still is a failure like any other.
-    constexpr int kTries = 64;
-    for (int attempt = 0; attempt < kTries; ++attempt) {
+    // Names differ by the microsecond, so waiting for another one ends every collision, unless the
+    // clock stands still: then a name without a time does.
+    constexpr int kTimedTries = 64;
+    constexpr int kTries = 2 * kTimedTries;
+    for (int attempt = 1;; ++attempt) {
         if (rename_to_free_name(temporary, name.get())) return true;
-        if (errno != EEXIST) return false;
+        if (errno != EEXIST || attempt == kTries) return false;
         const timespec moment{.tv_sec = 0, .tv_nsec = 1000};
         nanosleep(&moment, nullptr);
-        HeapString next(get_dumpfname(folder));
-        if (next == nullptr) return false;
-        name = std::move(next);
+        if (attempt < kTimedTries) {
+            HeapString next(get_dumpfname(folder));
+            if (next == nullptr) return false;
+            name = std::move(next);
+        } else {
+            write_untimed_name(name.get(), folder);
+        }
     }
-    errno = EEXIST;
-    return false;
 }
 
 }  // namespace kavrin
@@ -112,9 +122,7 @@ extern "C" char* get_dumpfname(const char* prefix) {
                                 static_cast<int>(now.tv_sec), static_cast<int>(now.tv_usec));
     } else {
         KV_TRACE(kAlways, "gettimeofday failed. errno = %d (%s)\n", errno, std::strerror(errno));
-        char random[kRandomSize];
-        written = std::snprintf(name.get(), kNameSize, "%s/%sunk_time_%s", prefix, kPrefix,
-                                rand_string(random, sizeof random));
+        written = write_untimed_name(name.get(), prefix);
     }
     if (written < 0) {
         KV_TRACE(kAlways, "failed to encode dumpfname, errno = %d (%s)\n", errno,

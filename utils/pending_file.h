@@ -14,7 +14,7 @@ std::int32_t share_of(std::int32_t buffer_size, std::int32_t percent);
 bool file_exists(const char* path);
 bool is_folder(const char* path);
 
-// "FOLDER/TEMPLATE" for mkstemp(), or null.
+// The folder with a template for mkstemp(), which begins with "/", behind it; or null.
 HeapString temporary_name(const char* folder, const char* name_template);
 
 // Gives a complete temporary file its pending name, and never takes the place of another file: when

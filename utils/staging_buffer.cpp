@@ -11,7 +11,8 @@
 // complete and synced, and never takes the place of another file.
 //
 // Whatever may lose events leaves a reason in the rescan marker. The buffer's header lies in memory
-// that every process can write, so it is not believed when it points outside of the segment.
+// that every process can write, so it is not believed when it points outside of the segment: a
+// flush then says so and starts over.
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -34,7 +35,7 @@ using kavrin::kFirstRecord;
 using kavrin::kRecordHeader;
 using kavrin::StagingSemaphore;
 
-constexpr const char* kTemporaryTemplate = "kvtempXXXXXX";
+constexpr const char* kTemporaryTemplate = "/kvtempXXXXXX";
 
 // Fill that makes a process flush before it writes.
 std::uint32_t flush_threshold() {
@@ -43,11 +44,18 @@ std::uint32_t flush_threshold() {
     return static_cast<std::uint32_t>(kavrin::share_of(size, percent <= 99 ? percent : 80));
 }
 
-// Bytes left for records behind `next_offset`; none when the header points outside.
-std::uint64_t room_in(const staging_buffer_t& buffer) {
-    const std::int32_t size = global_params[PARAM_STAGING_BUFFER_SIZE].value.intval;
-    const std::int64_t room = std::int64_t{size} - buffer.next_offset;
-    return buffer.next_offset < kFirstRecord || room < 0 ? 0 : static_cast<std::uint64_t>(room);
+// Whether the header points into this much of a buffer.
+bool points_inside(const staging_buffer_t& buffer, std::size_t size) {
+    return buffer.next_offset >= kFirstRecord && buffer.next_offset <= size;
+}
+
+std::size_t configured_size() {
+    return static_cast<std::size_t>(global_params[PARAM_STAGING_BUFFER_SIZE].value.intval);
+}
+
+bool has_room(const staging_buffer_t& buffer, std::uint32_t needed) {
+    return points_inside(buffer, configured_size()) &&
+           needed <= configured_size() - buffer.next_offset;
 }
 
 // The marker's folder is root's; a writer is not.
@@ -138,15 +146,17 @@ Attempt move_records(TemporaryFile& file, bool first, bool& empty) {
         return Attempt::kFailed;
     }
     empty = buffer->num_records == 0;
-    if (empty) return Attempt::kDone;
-    if (buffer->next_offset <= kFirstRecord ||
-        buffer->next_offset > kavrin::staging_segment_size()) {
+    const bool damaged = empty ? buffer->next_offset != kFirstRecord
+                               : buffer->next_offset == kFirstRecord ||
+                                     !points_inside(*buffer, kavrin::staging_segment_size());
+    if (damaged) {
         KV_TRACE(kAlways, "staging buffer header is damaged. num_records = %u next_offset = %u\n",
                  buffer->num_records, buffer->next_offset);
         mark_event_db_as_rescan_needed("staging buffer header is damaged\n");
         kavrin::empty_buffer(*buffer);
-        return Attempt::kFailed;
     }
+    if (empty) return Attempt::kDone;
+    if (damaged) return Attempt::kFailed;
     kavrin::map_pages(*buffer);
     return write_records(*buffer, file, first);
 }
@@ -218,7 +228,8 @@ extern "C" int write_to_staging_buffer(staging_data_t* data) {
         mark_as_root("cannot access staging buffer\n");
         return -1;
     }
-    if (buffer->next_offset + needed >= flush_threshold()) {
+    if (buffer->next_offset + needed >= flush_threshold() ||
+        !points_inside(*buffer, configured_size())) {
         semaphore.post();
         if (flush_staging_buffer() != 1) {
             KV_TRACE(kAlways, "failed to flush staging buffer contents to disk. errno = %d(%s)\n",
@@ -227,7 +238,7 @@ extern "C" int write_to_staging_buffer(staging_data_t* data) {
         }
         if (!wait_for(semaphore)) return -1;
     }
-    if (needed > room_in(*buffer)) {
+    if (!has_room(*buffer, needed)) {
         KV_TRACE(kAlways, "no room in the staging buffer. record size = %u next_offset = %u\n",
                  needed, buffer->next_offset);
         semaphore.post();

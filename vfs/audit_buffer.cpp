@@ -23,7 +23,7 @@
 #include "utils/trace.h"
 #include "vfs_common.h"
 
-#define TMP_AUDIT_FNAME "adtempXXXXXX"
+#define TMP_AUDIT_FNAME "/adtempXXXXXX"
 
 staging_buffer_t* global_read_audit_buffer = nullptr;
 
@@ -136,6 +136,7 @@ extern "C" void init_audit_buffer(void) {
                      static_cast<int>(global_read_audit_buffer->next_offset),
                      static_cast<int>(global_read_audit_buffer->last_flush_time));
             flush_audit_buffer();
+            if (global_read_audit_buffer == nullptr) return;  // as the flush has said
         } else {
             KV_TRACE(kEntry, "Got an init but nothing in the buffer\n");
         }
@@ -198,7 +199,7 @@ extern "C" int flush_audit_buffer(void) {
 
 extern "C" int send_audit_vfs_event(AuditEvent* ae, uid_t uid) {
     KV_TRACE(kEntry, "%s: send audit event\n", __func__);
-    ae->uid = uid;
+    if (ae != nullptr) ae->uid = uid;
     const HeapOwner<staging_data_t> record(create_audit_data_buf(ae));
     if (record == nullptr) return -1;
     write_to_audit_buffer(record.get());
