@@ -73,6 +73,21 @@ int run(int argc, const char* const* argv) {
     register_map_acl(*map);
     register_check(app);
     register_config(app);
+    register_smb_sim(app);
+    CLI::App* groupmap = app.add_subcommand("groupmap", "Make, check and read the group map");
+    groupmap->require_subcommand(1);
+    register_groupmap_build(*groupmap);
+    register_groupmap_show(*groupmap);
+    register_groupmap_lint(*groupmap);
+    CLI::App* events = app.add_subcommand("events", "Read the events of pending files");
+    events->require_subcommand(1);
+    register_events_cat(*events);
+    register_events_tail(*events);
+    register_events_stats(*events);
+    register_events_recover(*events);
+    CLI::App* audit = app.add_subcommand("audit", "Read audit files");
+    audit->require_subcommand(1);
+    register_audit_cat(*audit);
     give_footer(app);
 
     try {

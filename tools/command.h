@@ -61,6 +61,15 @@ void register_map_tree(CLI::App& map);
 void register_map_acl(CLI::App& map);
 void register_check(CLI::App& app);
 void register_config(CLI::App& app);
+void register_smb_sim(CLI::App& app);
+void register_events_cat(CLI::App& events);
+void register_events_tail(CLI::App& events);
+void register_events_stats(CLI::App& events);
+void register_events_recover(CLI::App& events);
+void register_audit_cat(CLI::App& audit);
+void register_groupmap_build(CLI::App& groupmap);
+void register_groupmap_show(CLI::App& groupmap);
+void register_groupmap_lint(CLI::App& groupmap);
 
 // The whole program: builds the tree, parses, runs, reports. Returns the exit code.
 int run(int argc, const char* const* argv);

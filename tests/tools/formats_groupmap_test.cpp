@@ -1,0 +1,159 @@
+// The group-map section of docs/formats.md against the code: the tables are the structures, the
+// block of bytes is what the tool makes of the JSON file shown beside it, every value in the tables
+// is read from that block, and the library finds what the file says.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "groupmap_fixture.h"
+
+namespace {
+
+using kvtest::Bytes;
+using Row = std::vector<std::string>;
+
+// What stands between the heading that holds `title` and the next one.
+std::vector<std::string> section(const std::string& title) {
+    std::istringstream in(kvtest::read_file(KAVRIN_DOCS "/formats.md"));
+    std::vector<std::string> lines;
+    bool inside = false;
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with('#')) {
+            inside = line.find(title) != std::string::npos;
+        } else if (inside) {
+            lines.push_back(line);
+        }
+    }
+    EXPECT_FALSE(lines.empty()) << "no section " << title;
+    return lines;
+}
+
+std::string trimmed(std::string text) {
+    const auto is_edge = [](char c) { return c == ' ' || c == '`'; };
+    while (!text.empty() && is_edge(text.back())) text.pop_back();
+    while (!text.empty() && is_edge(text.front())) text.erase(0, 1);
+    return text;
+}
+
+std::vector<Row> table(const std::string& title) {
+    std::vector<Row> rows;
+    for (const std::string& line : section(title)) {
+        if (!line.starts_with('|')) continue;
+        Row row;
+        std::istringstream cells(line.substr(1, line.rfind('|') - 1));
+        for (std::string cell; std::getline(cells, cell, '|');) row.push_back(trimmed(cell));
+        rows.push_back(row);
+    }
+    EXPECT_GT(rows.size(), 2u) << title;
+    rows.erase(rows.begin(), rows.begin() + 2);
+    return rows;
+}
+
+std::string block(const std::string& title, const std::string& language) {
+    std::string text;
+    bool inside = false;
+    for (const std::string& line : section(title)) {
+        if (line == "```" + language)
+            inside = true;
+        else if (line == "```")
+            inside = false;
+        else if (inside)
+            text += line + "\n";
+    }
+    EXPECT_FALSE(text.empty()) << "no " << language << " in " << title;
+    return text;
+}
+
+// The block of bytes with the zeros that follow it.
+Bytes example() {
+    Bytes bytes;
+    std::istringstream lines(block("Group-map file", "hex"));
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_EQ(std::stoul(line, nullptr, 16), bytes.size());
+        std::istringstream digits(line.substr(line.find(':') + 1));
+        for (std::string byte; digits >> byte;)
+            bytes.push_back(static_cast<std::uint8_t>(std::stoul(byte, nullptr, 16)));
+    }
+    bytes.resize(KAVRIN_GROUPMAP_MIN_SIZE);
+    return bytes;
+}
+
+struct Field {
+    const char* name;
+    std::size_t offset;
+};
+
+// The table's rows are the record's fields, and the last column is the record at `position`.
+void expect_record(const std::string& title, std::size_t position,
+                   const std::vector<Field>& fields) {
+    const std::vector<Row> rows = table(title);
+    ASSERT_EQ(rows.size(), fields.size()) << title;
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        EXPECT_EQ(rows[i][2], fields[i].name);
+        EXPECT_EQ(std::stoul(rows[i][0]), fields[i].offset) << fields[i].name;
+        EXPECT_EQ(rows[i][1], "4") << fields[i].name;
+        EXPECT_EQ(std::stoul(rows[i][4]), kvtest::get32(example(), position + fields[i].offset))
+            << fields[i].name;
+    }
+}
+
+}  // namespace
+
+TEST(FormatsGroupMap, BytesAreWhatTheToolMakesOfTheJsonFile) {
+    kvtest::write_file("/tmp/groups.json", block("Group-map file", "json"));
+    const kvtest::ChildResult result =
+        kvtest::run_tool({"groupmap", "build", "--from", "/tmp/groups.json"});
+    ASSERT_EQ(result.exit_code, 0) << result.err;
+    const Bytes shown = example();
+    EXPECT_EQ(kvtest::read_file(kavrinctl::kGroupMapPath), std::string(shown.begin(), shown.end()));
+}
+
+TEST(FormatsGroupMap, TheLibraryReadsTheBytes) {
+    const Bytes bytes = example();
+    EXPECT_TRUE(kavrinctl::check_groupmap(bytes).findings.empty());
+    const auto document = nlohmann::json::parse(block("Group-map file", "json"));
+    const kvtest::QuietReader quiet;
+    for (const auto& [name, gids] : document["users"].items())
+        EXPECT_EQ(kvtest::read_gids(bytes.data(), bytes.size(), name), gids.get<kvtest::Gids>());
+    for (const auto& [name, gid] : document["reserved"].items())
+        EXPECT_EQ(kavrin_reserved_gid(bytes.data(), static_cast<std::uint32_t>(bytes.size()),
+                                      name.c_str()),
+                  gid.get<gid_t>());
+}
+
+TEST(FormatsGroupMap, TablesAreTheStructures) {
+    expect_record("`mapheader`", 0,
+                  {{"roffs", offsetof(mapheader, roffs)},
+                   {"rnum", offsetof(mapheader, rnum)},
+                   {"uoffs", offsetof(mapheader, uoffs)},
+                   {"unum", offsetof(mapheader, unum)}});
+    const Bytes bytes = example();
+    expect_record("`ritem`", kvtest::get32(bytes, 0),
+                  {{"noffs", offsetof(ritem, noffs)}, {"gid", offsetof(ritem, gid)}});
+    expect_record("`uitem`", kvtest::get32(bytes, 8),
+                  {{"noffs", offsetof(uitem, noffs)},
+                   {"nlen", offsetof(uitem, nlen)},
+                   {"goffs", offsetof(uitem, goffs)},
+                   {"glen", offsetof(uitem, glen)}});
+}
+
+TEST(FormatsGroupMap, TheCommandsExampleIsOneThatTheToolTakes) {
+    std::istringstream in(kvtest::read_file(KAVRIN_DOCS "/kavrinctl.md"));
+    std::string json;
+    bool inside = false;
+    for (std::string line; std::getline(in, line);) {
+        if (line == "```json")
+            inside = json.empty();
+        else if (line == "```")
+            inside = false;
+        else if (inside)
+            json += line + "\n";
+    }
+    kvtest::write_file("/tmp/groups.json", json);
+    const kvtest::ChildResult result =
+        kvtest::run_tool({"groupmap", "build", "--from", "/tmp/groups.json"});
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+}
