@@ -40,8 +40,8 @@ struct uitem {
 
 /**
  * Maps a group-map file.
- * @param mapsize receives the size in bytes; untouched when the file cannot be looked at or is no
- *                group map by its size
+ * @param mapsize receives the size in bytes; untouched when the file cannot be looked at or opened,
+ *                or is no group map by its size
  * @return the mapping, for kavrin_unmap(), or null. A file that the kernel does not map is reported
  *         as MAP_FAILED.
  */

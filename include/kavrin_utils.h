@@ -145,7 +145,7 @@ char *get_dumpfname(const char *prefix);
 char *rand_string(char *s, size_t size);
 
 /** Writes all of `buf`, however many calls that takes. An interruption before any byte counts as a
- *  failure. @return n, or -1 with errno */
+ *  failure. @return n, or -1 (with errno, unless a write took nothing) */
 ssize_t write_all(int fd, const void *buf, size_t n);
 
 /** Tells the event store that it must rescan the share: writes the reason, with its terminator,

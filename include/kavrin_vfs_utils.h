@@ -38,10 +38,13 @@ void disconnect_preprocess(kv_connection_private_data_t *private_data, int audit
 void refresh_credentials(kv_connection_private_data_t *private_data);
 
 /** Fills the record's identity from the account, maps the group-map file anew and loads the user's
- *  groups. @return 0, also when there is no group map or no user name; -1: nothing was changed */
+ *  groups. @return 0, also when there is no group map or no user name; -1: nothing but euid and
+ *  egid was changed */
 int reset_groupmap(kv_connection_private_data_t *private_data);
 
-/** Reloads groups and asks for an empty cache (not for a computer account).
+/** Reloads groups and asks for an empty cache (not for a computer account). Call it between hooks:
+ *  it takes memory and replaces what a verdict under way reads, so a handler of the signal only notes
+ *  that it came.
  *  @param signal_number SIGUSR1; others are reported and ignored */
 void flush_perms_handler(int signal_number, kv_connection_private_data_t *private_data);
 
@@ -50,6 +53,9 @@ void set_reserved_user_uid(void);
 
 /** 1 for a computer account, whose name ends in "$", else 0. */
 int is_computer_name(const char *user_name);
+
+/** The same, traced. */
+int _check_if_special_user(const char *account_name);
 
 /** Makes an empty cache; paths it may hold are not freed. */
 void init_tlb(kv_vfs_table_cache_t *c);
@@ -86,9 +92,6 @@ int check_perms(const char *shareroot, const char *path, e_fsop_type_t op,
                 kv_connection_private_data_t *private_data, int force_path_type);
 
 /* In the static library only: */
-
-/** is_computer_name(), traced. */
-int _check_if_special_user(const char *account_name);
 
 /** Position of a path, or -1. */
 int _tlb_lookup_path(char *path, kv_vfs_table_cache_t *c);

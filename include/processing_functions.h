@@ -1,11 +1,12 @@
 /* The hooks around file-system operations.
  *
  * A *_preprocess hook returns 0 to let the operation run and -1 to refuse it with errno set. On 0 it
- * usually leaves the thread running as root and hands the credentials back in *perm_ctx: after the
- * operation, and before the *_postprocess hook, the module restores them with
- * kavrin_vfs_unbecome_root(). On -1 the thread is as it was, and *perm_ctx must not be used. A
- * *_postprocess hook records the operation after it succeeded; it is called as the user, since
- * events of root are dropped.
+ * usually leaves the thread running as root and hands the credentials back in *perm_ctx, which must be
+ * null before: after the operation, and before the *_postprocess hook, the module restores them with
+ * kavrin_vfs_unbecome_root() (but for ntimes_dir_postprocess(), which does it itself). On -1 the
+ * thread's uids are as they were, its effective gid as vfs_enforce_perms() leaves it, and *perm_ctx
+ * must not be used. A *_postprocess hook records the operation after it succeeded; it is called as
+ * the user, since events of root are dropped.
  *
  * Paths: `connectpath` is the share's root folder; base names are relative to it. *full_path is a
  * heap string; a refusing hook frees it (the pointer keeps its value), after success it is the
@@ -117,13 +118,14 @@ void unlink_postprocess(char *full_path);
 /* Folders ----------------------------------------------------------------------------------------- */
 
 /** Before a folder is opened by name. @param nlpath receives the path checked, the module's to free;
- *  null after a refusal. @return 0, as root; -1 with EACCES, or without errno when a copy failed */
+ *  null after a refusal. @return 0, as root; -1 with EACCES, or ENOMEM for a null name or when a
+ *  copy failed */
 int opendir_preprocess(const char *fname, const char *cwd, const char *connectpath, char **nlpath,
                        kv_perm_ctx_t **perm_ctx, kv_connection_private_data_t *private_data,
                        int *is_nav);
 
 /** Before a folder is opened by descriptor. @param delete_access non-zero when it is opened to
- *  delete it. @return 0, as root; -1 with EACCES, or without errno when memory ran out */
+ *  delete it. @return 0, as root; -1 with EACCES, or ENOMEM for a null name or without memory */
 int fdopendir_preprocess(const char *connectpath, const char *fname, int delete_access,
                          kv_connection_private_data_t *private_data, int *is_nav,
                          kv_perm_ctx_t **perm_ctx);

@@ -120,6 +120,7 @@ extern "C" gid_t kavrin_reserved_gid(const void* map, std::uint32_t mapsize,
         debug_printf("reserved group table beyond map, bail\n");
         return 0;
     }
+    if (header.rnum == 0) return 0;
     const std::string_view name(groupname);
     for (std::uint32_t i = 0; i < header.rnum; ++i) {
         const auto item = groups.read<ritem>(header.roffs + std::size_t{i} * sizeof(ritem));
@@ -139,6 +140,7 @@ extern "C" gid_t* kavrin_getgrouplist(const void* map, std::uint32_t mapsize, co
     const GroupMap groups(map, mapsize);
     const mapheader header = groups.header();
     const std::uint32_t limit = mapsize - 1;
+    if (header.unum == 0) return nullptr;
     const std::string_view name(username);
     for (std::uint32_t i = 0; i < header.unum; ++i) {
         const auto item = groups.read<uitem>(header.uoffs + std::size_t{i} * sizeof(uitem));

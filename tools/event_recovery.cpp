@@ -99,7 +99,9 @@ bool is_being_written(int file) {
 bool rename_to_free_name(const std::string& from, const std::string& to) {
     if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
     if (errno != EINVAL && errno != ENOSYS) return false;
-    return link(from.c_str(), to.c_str()) == 0 && unlink(from.c_str()) == 0;
+    if (link(from.c_str(), to.c_str()) != 0) return false;
+    unlink(from.c_str());  // a first name that stays is a copy for the next recovery
+    return true;
 }
 
 bool name_is_free(const std::string& path) {
@@ -224,10 +226,11 @@ private:
             file.other = kStagingBuffer;
         else
             file.other = original_in_folder(descriptor, file);
-        return true;
+        return file.remark.empty();
     }
 
-    std::string original_in_folder(int descriptor, const TemporaryFile& file) {
+    // Empty when there is none; with a remark when the folder could not be looked through.
+    std::string original_in_folder(int descriptor, TemporaryFile& file) {
         // A temporary file that becomes a pending one between the listing and the look is found
         // under its new name.
         constexpr int kListings = 8;
@@ -240,13 +243,17 @@ private:
                 if (!temporary && !name.starts_with(kPendingPrefix)) continue;
                 const Descriptor other = open_record_file(path_of(name));
                 if (!other.valid()) {
+                    if (errno != ENOENT && errno != EINVAL)
+                        file.remark = fmt::format("cannot open {}: {}", name, strerror(errno));
                     complete = complete && !temporary;
                 } else if (begins_with_file(other.get(), descriptor, file.bytes) &&
                            (!temporary || is_whole(other.get()))) {
                     return name;
                 }
             }
-            if (complete) break;
+            if (error != 0)
+                file.remark = fmt::format("cannot read the folder: {}", strerror(error));
+            if (complete || !file.remark.empty()) break;
         }
         return "";
     }

@@ -115,7 +115,6 @@ private:
     void check_tables();
     void check_reserved_groups();
     void check_users();
-    void check_user(const Entry& entry, const uitem& user);
     bool reader_refuses(const Entry& entry, const uitem& user);
     void tell_hidden(const Entry& entry, std::uint32_t entries);
     std::optional<std::string_view> check_name(const Entry& entry, std::uint32_t offset,

@@ -95,6 +95,7 @@ void SimRun::operate(std::size_t index) {
         print_text_line("  not done: this user's process is gone");
         return;
     }
+    events_.look(process->pid());  // others may have flushed since
     last_ = statement.kind == SimKind::kSignal ? process->signal() : process->perform(index);
     printer_.print(last_);
     events_.print_new(process->pid(), printer_);

@@ -177,6 +177,7 @@ private:
 
     void operation() {
         if (has(1)) statement_.name = word(1).text;
+        if (has(1) && is_sim_operation(statement_.kind)) stay_inside(word(1));
         switch (statement_.kind) {
             case SimKind::kAudit:
                 statement_.choice = choice(1, kSwitch, {});
@@ -197,9 +198,11 @@ private:
             case SimKind::kCreate:
                 disposition();
                 break;
+            case SimKind::kRename:
+                if (has(2)) stay_inside(word(2));
+                [[fallthrough]];
             case SimKind::kPut:
             case SimKind::kAppend:
-            case SimKind::kRename:
                 statement_.second = word(2).text;
                 break;
             default:
@@ -345,6 +348,15 @@ private:
             if (at.text == right.name) return right.mask;
         error(at, "'{}' are no rights; there is none, r, rw, rwd, nav, view", at.text);
         return 0;
+    }
+
+    // A path that climbs above its start is allowed by the hooks, whose callers refuse it before
+    // they ask: what is done as root must not leave the share of a machine in use.
+    void stay_inside(const SimWord& at) {
+        const std::string path = "/" + at.text + "/";
+        if (!limits_.sandboxed && path.find("/../") != std::string::npos)
+            error(at, "'{}' has '..' in it; outside of a sandbox a path stays in the share",
+                  at.text);
     }
 
     // A path that stays within the share, whatever is done with it; "/" is the share itself.

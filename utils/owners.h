@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <utility>
@@ -23,6 +24,18 @@ template <typename T>
 HeapOwner<T> allocate_zeroed() {
     return HeapOwner<T>(static_cast<T*>(std::calloc(1, sizeof(T))));
 }
+
+// Gives errno back at the end of a scope whose own failures are not its caller's business.
+class KeptErrno {
+public:
+    KeptErrno() : value_(errno) {}
+    ~KeptErrno() { errno = value_; }
+    KeptErrno(const KeptErrno&) = delete;
+    KeptErrno& operator=(const KeptErrno&) = delete;
+
+private:
+    int value_;
+};
 
 class FileDescriptor {
 public:

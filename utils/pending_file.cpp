@@ -45,7 +45,9 @@ int write_untimed_name(char* name, const char* folder) {
 bool rename_to_free_name(const char* from, const char* to) {
     if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return true;
     if (errno != EINVAL && errno != ENOSYS) return false;
-    return link(from, to) == 0 && unlink(from) == 0;
+    if (link(from, to) != 0) return false;
+    unlink(from);  // a first name that stays is told from lost records by its being a copy
+    return true;
 }
 
 }  // namespace

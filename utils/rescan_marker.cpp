@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "kavrin_utils.h"
+#include "utils/owners.h"
 #include "utils/trace.h"
 
 namespace {
@@ -20,6 +21,8 @@ constexpr const char* kMarker = "/kavrin/.conf/kavrin_event_status.dirty";
 }  // namespace
 
 extern "C" void mark_event_db_as_rescan_needed(const char* reason) {
+    // What is told next is why there is a mark, not how the marking went.
+    const kavrin::KeptErrno kept;
     const int fd = open(kMarker, O_WRONLY | O_CREAT | O_CLOEXEC, 0744);
     if (fd < 0) {
         KV_TRACE(kAlways,

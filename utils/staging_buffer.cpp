@@ -16,6 +16,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -53,6 +54,12 @@ std::size_t configured_size() {
     return static_cast<std::size_t>(global_params[PARAM_STAGING_BUFFER_SIZE].value.intval);
 }
 
+// The segment as it was attached: no smaller than configured, larger when it was made by an older
+// configuration.
+std::size_t largest_size() {
+    return std::max(configured_size(), kavrin::staging_segment_size());
+}
+
 bool has_room(const staging_buffer_t& buffer, std::uint32_t needed) {
     return points_inside(buffer, configured_size()) &&
            needed <= configured_size() - buffer.next_offset;
@@ -78,10 +85,8 @@ public:
     explicit TemporaryFile(HeapString name) : name_(std::move(name)), fd_(mkstemp(name_.get())) {}
     ~TemporaryFile() {
         if (fd_ < 0) return;
-        const int saved_errno = errno;
-        close_descriptor();
-        if (!renamed_) unlink(name_.get());
-        errno = saved_errno;
+        const kavrin::KeptErrno kept;
+        discard();
     }
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
@@ -92,22 +97,28 @@ public:
         if (open_) close(fd_);
         open_ = false;
     }
+    void discard() {
+        close_descriptor();
+        if (!gone_) unlink(name_.get());
+        gone_ = true;
+    }
     bool rename(HeapString& to, const char* folder) {
-        renamed_ = kavrin::rename_to_pending(name(), to, folder);
-        return renamed_;
+        gone_ = kavrin::rename_to_pending(name(), to, folder);
+        return gone_;
     }
 
 private:
     HeapString name_;
     int fd_;
     bool open_ = true;
-    bool renamed_ = false;
+    bool gone_ = false;
 };
 
 enum class Attempt { kDone, kFailed, kInterrupted };
 
 // Writes what the locked buffer holds, and empties it when that is safe on disk.
 Attempt write_records(staging_buffer_t& buffer, TemporaryFile& file, bool first) {
+    kavrin::map_pages(buffer);
     const std::uint32_t size = buffer.next_offset - kFirstRecord;
     const ssize_t written = write_all(file.descriptor(), buffer.data, size);
     if (written != static_cast<ssize_t>(size)) {
@@ -143,22 +154,25 @@ Attempt move_records(TemporaryFile& file, bool first, bool& empty) {
     if (!buffer) {
         KV_TRACE(kAlways, "cannot access staging buffer.\n");
         mark_event_db_as_rescan_needed("cannot access staging buffer\n");
+        file.discard();
         return Attempt::kFailed;
     }
     empty = buffer->num_records == 0;
-    const bool damaged = empty ? buffer->next_offset != kFirstRecord
-                               : buffer->next_offset == kFirstRecord ||
-                                     !points_inside(*buffer, kavrin::staging_segment_size());
+    const bool damaged =
+        empty ? buffer->next_offset != kFirstRecord
+              : buffer->next_offset == kFirstRecord || !points_inside(*buffer, largest_size());
     if (damaged) {
         KV_TRACE(kAlways, "staging buffer header is damaged. num_records = %u next_offset = %u\n",
                  buffer->num_records, buffer->next_offset);
         mark_event_db_as_rescan_needed("staging buffer header is damaged\n");
         kavrin::empty_buffer(*buffer);
     }
-    if (empty) return Attempt::kDone;
-    if (damaged) return Attempt::kFailed;
-    kavrin::map_pages(*buffer);
-    return write_records(*buffer, file, first);
+    const Attempt result = empty     ? Attempt::kDone
+                           : damaged ? Attempt::kFailed
+                                     : write_records(*buffer, file, first);
+    // Before the next process may flush: a full disk has room again.
+    if (empty || result != Attempt::kDone) file.discard();
+    return result;
 }
 
 // One attempt at a flush, as root.

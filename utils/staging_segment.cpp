@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "utils/owners.h"
 #include "utils/trace.h"
 
 namespace {
@@ -71,8 +72,9 @@ namespace kavrin {
 void set_buffer_fill(staging_buffer_t& buffer, std::uint32_t num_records,
                      std::uint32_t next_offset) {
     static_assert(std::endian::native == std::endian::little);
-    const std::uint64_t both = std::uint64_t{next_offset} << 32 | num_records;
-    __atomic_store_n(reinterpret_cast<std::uint64_t*>(&buffer), both, __ATOMIC_RELEASE);
+    using Words __attribute__((may_alias)) = std::uint64_t;
+    const Words both = std::uint64_t{next_offset} << 32 | num_records;
+    __atomic_store_n(reinterpret_cast<Words*>(&buffer), both, __ATOMIC_RELEASE);
 }
 
 void append_record(staging_buffer_t& buffer, const staging_data_t& record) {
@@ -92,15 +94,13 @@ bool StagingSemaphore::wait() {
 void StagingSemaphore::post() {
     if (!held_) return;
     held_ = false;
-    const int saved_errno = errno;
+    const KeptErrno kept;
     post_eventstore_semaphore();
-    errno = saved_errno;
 }
 
 void map_pages(staging_buffer_t& buffer) {
-    const int saved_errno = errno;
+    const KeptErrno kept;
     madvise(&buffer, configured_size(), MADV_POPULATE_WRITE);  // or they are mapped when touched
-    errno = saved_errno;
 }
 
 void empty_buffer(staging_buffer_t& buffer) {

@@ -14,7 +14,6 @@
 namespace {
 
 using kavrin::kAlways;
-using kavrin::kDecision;
 using kavrin::kEntry;
 using kavrin::kTrace;
 

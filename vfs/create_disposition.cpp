@@ -71,8 +71,8 @@ extern "C" void _get_op_create_file(const char* nlpath, uint32_t create_disposit
         KV_TRACE(kRowTrace,
                  "kavrin:%s ENTRY path=%s is file create_disposition=0x%0x create_options=0x%xgot "
                  "%s setting FSP_OP=%s %s.",
-                 __func__, nlpath, create_disposition, create_options, row.name, row.op_name,
-                 row.reason);
+                 __func__, nlpath == nullptr ? "NULL" : nlpath, create_disposition, create_options,
+                 row.name, row.op_name, row.reason);
         if (row.op != FSOP_INVAL) *op = row.op;
         *open_mode = row.mode;
         return;

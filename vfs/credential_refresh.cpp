@@ -117,6 +117,8 @@ extern "C" int reset_groupmap(kv_connection_private_data_t* private_data) {
     identity.euid = private_data->refresh_creds.euid;
     if (!look_up_account(private_data->refresh_creds.euid, identity)) return -1;
 
+    if (identity.is_global_map_in_use != 0)
+        KV_TRACE(kAlways, "%s: groups are replaced while a verdict reads them", __func__);
     std::free(std::exchange(identity.gids, nullptr));
     identity.num_sup_gids = 0;
     replace_mapping();
@@ -159,7 +161,7 @@ extern "C" void flush_perms_handler(int signal_number, kv_connection_private_dat
 
     if (private_data->groupmap.is_computer_acct != 0) return;
     refresh_crendetials_t& creds = private_data->refresh_creds;
-    // The cache is emptied by its next look-up: this may run in a signal handler.
+    // The cache is emptied by its next look-up.
     private_data->vfs_table_cache.flush_tlb = KAVRIN_TLB_FLUSH;
     KV_TRACE(kOwners,
              "Flushing from tlb owner %d to new owner %d permissions for %d, flush_tlb: %d, "

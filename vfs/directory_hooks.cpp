@@ -190,7 +190,6 @@ extern "C" int create_dir_preprocess(int is_delete_access, const char* nlpath, c
                                      int create_dir, const char* connectpath,
                                      kv_connection_private_data_t* private_data,
                                      kv_perm_ctx_t** perm_ctx) {
-    if (nlpath == nullptr) return refuse(ENOMEM, *full_path);
     if (is_delete_access != 0 && is_deleteable(nlpath) == 0) {
         KV_TRACE(kDecision, "%s: delete denied requested path=%p nlpath=%p", __func__,
                  static_cast<void*>(*full_path), static_cast<const void*>(nlpath));

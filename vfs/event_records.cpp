@@ -1,7 +1,7 @@
 // From a message to a framed record: stamping, the filter that keeps the service's own work out of
 // the event store, packing.
 //
-// The two kinds of message differ in type and words only, so one template packs both.
+// The two kinds of message differ in type and words only: they share the filter and the frame.
 #include <sys/time.h>
 #include <unistd.h>
 

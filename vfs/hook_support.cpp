@@ -17,14 +17,23 @@ int refuse(int error, char* path) {
 
 e_vfs_enforce_perms_t verdict_on(e_fsop_type_t op, const char* connectpath, const char* path,
                                  kv_connection_private_data_t& connection, int* is_nav) {
+    return vfs_enforce_perms(connectpath, path, op, &connection.groupmap, 0, is_nav);
+}
+
+e_vfs_enforce_perms_t verdict_on(e_fsop_type_t op, const char* connectpath, const char* path,
+                                 kv_connection_private_data_t& connection) {
     int unused = 0;
-    return vfs_enforce_perms(connectpath, path, op, &connection.groupmap, 0,
-                             is_nav != nullptr ? is_nav : &unused);
+    return verdict_on(op, connectpath, path, connection, &unused);
 }
 
 bool may(e_fsop_type_t op, const char* connectpath, const char* path,
          kv_connection_private_data_t& connection, int* is_nav) {
     return verdict_on(op, connectpath, path, connection, is_nav) == KVPERMS_HAS_PERMS;
+}
+
+bool may(e_fsop_type_t op, const char* connectpath, const char* path,
+         kv_connection_private_data_t& connection) {
+    return verdict_on(op, connectpath, path, connection) == KVPERMS_HAS_PERMS;
 }
 
 bool is_bound_by_fixed_folders(const kv_connection_private_data_t& connection, const char* path) {

@@ -13,12 +13,16 @@ namespace kavrin {
 // Refuses an operation: frees a path that would have been the module's after success, sets errno.
 int refuse(int error, char* path = nullptr);
 
-// The verdict on the connection's user, not from the cache, and whether it allows. `is_nav` may be
-// null.
+// The verdict on the connection's user, not from the cache, and whether it allows. For hooks whose
+// caller wants to know of navigation, and for those whose caller does not.
 e_vfs_enforce_perms_t verdict_on(e_fsop_type_t op, const char* connectpath, const char* path,
-                                 kv_connection_private_data_t& connection, int* is_nav = nullptr);
+                                 kv_connection_private_data_t& connection, int* is_nav);
+e_vfs_enforce_perms_t verdict_on(e_fsop_type_t op, const char* connectpath, const char* path,
+                                 kv_connection_private_data_t& connection);
 bool may(e_fsop_type_t op, const char* connectpath, const char* path,
-         kv_connection_private_data_t& connection, int* is_nav = nullptr);
+         kv_connection_private_data_t& connection, int* is_nav);
+bool may(e_fsop_type_t op, const char* connectpath, const char* path,
+         kv_connection_private_data_t& connection);
 
 // Whether the connection's user is bound by fixed folders on this path: nobody below "Shared" but
 // an administrator moves or deletes them.

@@ -52,6 +52,10 @@ bool look_at(const char* function, const char* path, struct stat& status, bool& 
     return false;
 }
 
+const char* shown(const char* name) {
+    return name == nullptr ? "NULL" : name;
+}
+
 void give_back(kv_perm_ctx_t*& context) {
     if (context != nullptr) kavrin_vfs_unbecome_root(std::exchange(context, nullptr));
 }
@@ -135,7 +139,6 @@ extern "C" int create_file_preprocess(int write_access_requested, char** full_pa
                                       kv_connection_private_data_t* private_data) {
     e_fsop_type_t op = FSOP_INVAL;
     e_open_mode_t mode = OPENMODE_INVALID;
-    if (nlpath == nullptr) return refuse(ENOMEM, *full_path);
     if (raise_permissions(perm_ctx) == 0) {
         KV_TRACE(kAlways, "%s failed to allocate perm_ctx", __func__);
         return refuse(EACCES, *full_path);
@@ -153,12 +156,13 @@ extern "C" int create_file_preprocess(int write_access_requested, char** full_pa
         KV_TRACE(kDecision,
                  "%s:PERM DENIED path=%s nlpath=%s op=%d create_disposition=0x%0x "
                  "create_options=0x%x access_mask=%u",
-                 __func__, *full_path, nlpath, op, create_disposition, create_options, access_mask);
+                 __func__, *full_path, shown(nlpath), op, create_disposition, create_options,
+                 access_mask);
         return refuse(EACCES, *full_path);
     }
     if (raise_permissions(perm_ctx) == 0) {
         KV_TRACE(kAlways, "%s failed to allocate perm_ctx,  smb_fname->base_name=%s", __func__,
-                 base_name == nullptr ? "NULL" : base_name);
+                 shown(base_name));
         return refuse(EACCES, *full_path);
     }
     return 0;

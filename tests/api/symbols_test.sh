@@ -12,7 +12,7 @@ failed=0
 fail() { echo "symbols: $*" >&2; failed=1; }
 
 underscored=(
-  __kavrin_strcasecmp __kavrin_strncasecmp _change_id _check_if_special_user _d_print_acl
+  __kavrin_strcasecmp __kavrin_strncasecmp _change_id _d_print_acl
   _get_op_create_file _init_perm_map_semaphore _is_admin _is_poweruser _paths_match _paths_match_len
   _recreate_perm_map_semaphore _set_group_bit _tlb_lookup_path _update_tlb_hit)
 

@@ -309,6 +309,18 @@ TEST(SimScript, OutsideOfASandboxTheMachineStaysAsItIs) {
               std::string::npos);
 }
 
+TEST(SimScript, OutsideOfASandboxNoOperationClimbsOutOfTheShare) {
+    const SimLimits outside{false, true, false};
+    for (const char* line : {"unlink ../../etc/passwd", "mkdir A/../../B", "rmdir ..", "stat A/..",
+                             "rename ../A B", "put ../A text"})
+        EXPECT_NE(mistake("as a\n" + std::string(line), outside).find("2:"), std::string::npos)
+            << line;
+    EXPECT_EQ(mistake("as a\nrename A B/../../C", outside),
+              "2:10: 'B/../../C' has '..' in it; outside of a sandbox a path stays in the share");
+    EXPECT_TRUE(parse_sim_script("as a\nput A ../text\nstat A..B", outside).errors.empty());
+    EXPECT_TRUE(parse_sim_script("user a 1\nas a\nstat ../A", {true, true, false}).errors.empty());
+}
+
 TEST(SimScript, AllMistakesAreToldInTheOrderOfTheirLines) {
     const SimScript script = parse("mkdir A\nfolder /x\n\nfrob\nas a\nstat A\n");
     ASSERT_EQ(script.errors.size(), 3U);
