@@ -3,6 +3,8 @@
 //
 // A fixed number of slots, one path each, and a table of slots in the order of their use. Look-ups
 // scan that table from the front, where repeated ones end at once.
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -26,6 +28,31 @@ struct Bit {
     explicit Bit(e_fsop_type_t op) : word(op < 32 ? 0 : 1), mask(std::uint32_t{1} << (op & 31)) {}
     int word;
     std::uint32_t mask;
+};
+
+// The path that a scan looks for. Entries of one listing begin alike for fifty bytes and more, so
+// their ends are compared first, where the cached path's block is long enough to have one there.
+class Wanted {
+public:
+    explicit Wanted(const char* path) : path_(path), length_(strnlen(path, kLongestPath)) {
+        if (has_tail()) std::memcpy(&tail_, path + length_ - sizeof tail_, sizeof tail_);
+    }
+    bool equals(const char* cached) const {
+        if (has_tail()) {
+            if (malloc_usable_size(const_cast<char*>(cached)) <= length_) return false;
+            std::uint64_t tail;
+            std::memcpy(&tail, cached + length_ - sizeof tail, sizeof tail);
+            if (tail != tail_) return false;
+        }
+        return std::strncmp(path_, cached, kLongestPath) == 0;
+    }
+
+private:
+    bool has_tail() const { return length_ >= sizeof tail_ && length_ < kLongestPath; }
+
+    const char* path_;
+    std::size_t length_;
+    std::uint64_t tail_ = 0;
 };
 
 bool allows(e_vfs_enforce_perms_t value) {
@@ -76,9 +103,10 @@ extern "C" void destroy_tlb(kv_vfs_table_cache_t* c) {
 }
 
 extern "C" int _tlb_lookup_path(char* path, kv_vfs_table_cache_t* c) {
+    const Wanted wanted(path);
     for (int position = 0; position < c->vfs_tlb_end; ++position) {
         const char* const cached = c->tlb_paths[c->tlb_index_table[position]];
-        if (cached != nullptr && std::strncmp(path, cached, kLongestPath) == 0) return position;
+        if (cached != nullptr && wanted.equals(cached)) return position;
     }
     return -1;
 }
