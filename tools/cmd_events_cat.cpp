@@ -1,5 +1,7 @@
-// kavrinctl events cat: the events of pending files, in the order in which they lie there.
+// kavrinctl events cat and audit cat: the messages of pending and audit files, in the order in
+// which they lie there.
 #include <memory>
+#include <type_traits>
 
 #include "command.h"
 #include "event_filter.h"
@@ -15,31 +17,40 @@ struct Options {
     bool json = false;
 };
 
+template <typename Message>
 Exit show(Options& options) {
-    options.filter.prepare();
-    MessagePrinter<VFSEvent> printer(options.json);
+    options.filter.prepare(std::is_same_v<Message, AuditEvent>);
+    MessagePrinter<Message> printer(options.json);
     RecordInput input;
     for (const RecordPath& file : input.files(options.arguments)) {
-        input.read<VFSEvent>(file, [&](const VFSEvent& event) {
-            if (options.filter.shows(event)) printer.print(event);
+        input.read<Message>(file, [&](const Message& message) {
+            if (options.filter.shows(message)) printer.print(message);
         });
     }
     return input.exit();
 }
 
+// What the two commands share.
+template <typename Message>
+void add_cat(CLI::App& command, const char* files) {
+    const auto options = std::make_shared<Options>();
+    command.add_option("files", options->arguments, files)->required();
+    if constexpr (std::is_same_v<Message, VFSEvent>) options->filter.add_event_options(command);
+    options->filter.add_common_options(command);
+    command.add_flag("--json", options->json, "Print one JSON object a line instead of a table");
+    on_run(command, [options] { return show<Message>(*options); });
+}
+
 }  // namespace
 
 void register_events_cat(CLI::App& events) {
-    CLI::App* command = events.add_subcommand("cat", "Show the events of pending files");
-    const auto options = std::make_shared<Options>();
-    command
-        ->add_option("files", options->arguments,
-                     "Files of events, and folders, which stand for their pending files")
-        ->required();
-    options->filter.add_event_options(*command);
-    options->filter.add_common_options(*command);
-    command->add_flag("--json", options->json, "Print one JSON object a line instead of a table");
-    on_run(*command, [options] { return show(*options); });
+    add_cat<VFSEvent>(*events.add_subcommand("cat", "Show the events of pending files"),
+                      "Files of events, and folders, which stand for their pending files");
+}
+
+void register_audit_cat(CLI::App& audit) {
+    add_cat<AuditEvent>(*audit.add_subcommand("cat", "Show the reads that audit files hold"),
+                        "Audit files, and folders, which stand for those in them");
 }
 
 }  // namespace kavrinctl

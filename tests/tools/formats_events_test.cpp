@@ -8,50 +8,14 @@
 #include <sstream>
 
 #include "event_files.h"
+#include "formats_document.h"
 #include "tool_run.h"
 
 namespace {
 
-using Row = std::vector<std::string>;
-
-std::vector<std::string> section(const std::string& title) {
-    std::vector<std::string> lines;
-    bool inside = false;
-    for (const std::string& line : kvtest::lines_of(kvtest::read_file(KAVRIN_DOCS "/formats.md"))) {
-        if (line.starts_with('#'))
-            inside = line.find(title) != std::string::npos;
-        else if (inside)
-            lines.push_back(line);
-    }
-    EXPECT_FALSE(lines.empty()) << "no section " << title;
-    return lines;
-}
-
-std::string trimmed(const std::string& text) {
-    const std::size_t first = text.find_first_not_of(" `");
-    if (first == std::string::npos) return "";
-    return text.substr(first, text.find_last_not_of(" `") - first + 1);
-}
-
-// The rows of a section's n-th table, without its heading.
-std::vector<Row> table(const std::string& title, int n = 0) {
-    std::vector<Row> rows;
-    int found = -1;
-    bool inside = false;
-    for (const std::string& line : section(title)) {
-        const bool is_row = line.starts_with('|');
-        found += is_row && !inside;
-        inside = is_row;
-        if (!is_row || found != n) continue;
-        Row row;
-        std::istringstream cells(line.substr(1, line.rfind('|') - 1));
-        for (std::string cell; std::getline(cells, cell, '|');) row.push_back(trimmed(cell));
-        rows.push_back(row);
-    }
-    EXPECT_GT(rows.size(), 2U) << title;
-    rows.erase(rows.begin(), rows.begin() + 2);
-    return rows;
-}
+using kvtest::Row;
+using kvtest::section;
+using kvtest::table;
 
 std::string hex(const std::string& title) {
     std::string bytes;

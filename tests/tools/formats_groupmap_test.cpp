@@ -7,64 +7,16 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "formats_document.h"
 #include "groupmap_fixture.h"
 
 namespace {
 
+using kvtest::block;
 using kvtest::Bytes;
-using Row = std::vector<std::string>;
-
-// What stands between the heading that holds `title` and the next one.
-std::vector<std::string> section(const std::string& title) {
-    std::istringstream in(kvtest::read_file(KAVRIN_DOCS "/formats.md"));
-    std::vector<std::string> lines;
-    bool inside = false;
-    for (std::string line; std::getline(in, line);) {
-        if (line.starts_with('#')) {
-            inside = line.find(title) != std::string::npos;
-        } else if (inside) {
-            lines.push_back(line);
-        }
-    }
-    EXPECT_FALSE(lines.empty()) << "no section " << title;
-    return lines;
-}
-
-std::string trimmed(std::string text) {
-    const auto is_edge = [](char c) { return c == ' ' || c == '`'; };
-    while (!text.empty() && is_edge(text.back())) text.pop_back();
-    while (!text.empty() && is_edge(text.front())) text.erase(0, 1);
-    return text;
-}
-
-std::vector<Row> table(const std::string& title) {
-    std::vector<Row> rows;
-    for (const std::string& line : section(title)) {
-        if (!line.starts_with('|')) continue;
-        Row row;
-        std::istringstream cells(line.substr(1, line.rfind('|') - 1));
-        for (std::string cell; std::getline(cells, cell, '|');) row.push_back(trimmed(cell));
-        rows.push_back(row);
-    }
-    EXPECT_GT(rows.size(), 2u) << title;
-    rows.erase(rows.begin(), rows.begin() + 2);
-    return rows;
-}
-
-std::string block(const std::string& title, const std::string& language) {
-    std::string text;
-    bool inside = false;
-    for (const std::string& line : section(title)) {
-        if (line == "```" + language)
-            inside = true;
-        else if (line == "```")
-            inside = false;
-        else if (inside)
-            text += line + "\n";
-    }
-    EXPECT_FALSE(text.empty()) << "no " << language << " in " << title;
-    return text;
-}
+using kvtest::Row;
+using kvtest::section;
+using kvtest::table;
 
 // The block of bytes with the zeros that follow it.
 Bytes example() {
