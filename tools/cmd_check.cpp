@@ -17,7 +17,7 @@
 #include "utf8.h"
 #include "verdict_child.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -238,4 +238,4 @@ void register_check(CLI::App& app) {
     on_run(*command, [options] { return check(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

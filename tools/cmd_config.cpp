@@ -17,7 +17,7 @@
 #include "eventstore.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr int kProject = 3456;
@@ -216,4 +216,4 @@ void register_config(CLI::App& app) {
     on_run(*remove_command, [] { return remove(); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -8,7 +8,7 @@
 #include "event_text.h"
 #include "pending_folder.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct Options {
@@ -53,4 +53,4 @@ void register_audit_cat(CLI::App& audit) {
                         "Audit files, and folders, which stand for those in them");
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

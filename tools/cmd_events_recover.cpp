@@ -10,7 +10,7 @@
 #include "pending_folder.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct Options {
@@ -114,4 +114,4 @@ void register_events_recover(CLI::App& events) {
     on_run(*command, [options] { return recover(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -13,7 +13,7 @@
 #include "pending_folder.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct Options {
@@ -140,4 +140,4 @@ void register_events_stats(CLI::App& events) {
     on_run(*command, [options] { return count(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -8,7 +8,7 @@
 #include "event_text.h"
 #include "pending_folder.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct Options {
@@ -73,4 +73,4 @@ void register_events_tail(CLI::App& events) {
     on_run(*command, [options] { return tail(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -12,7 +12,7 @@
 #include "identity.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct Options {
@@ -79,4 +79,4 @@ void register_groupmap_build(CLI::App& groupmap) {
     on_run(*command, [options] { return build(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

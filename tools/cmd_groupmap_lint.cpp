@@ -12,7 +12,7 @@
 #include "terminal.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct Options {
@@ -74,4 +74,4 @@ void register_groupmap_lint(CLI::App& groupmap) {
     on_run(*command, [options] { return lint(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

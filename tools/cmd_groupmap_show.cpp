@@ -20,7 +20,7 @@
 #include "map_query.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct Options {
@@ -201,4 +201,4 @@ void register_groupmap_show(CLI::App& groupmap) {
     on_run(*command, [options] { return show(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

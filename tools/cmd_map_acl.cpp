@@ -13,7 +13,7 @@
 #include "perm_enforcer.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct Options {
@@ -163,4 +163,4 @@ void register_map_acl(CLI::App& map) {
     on_run(*command, [options] { return show(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

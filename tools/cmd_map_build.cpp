@@ -11,7 +11,7 @@
 #include "terminal.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 // What filling an image takes on top of the data file, which is read as a whole: far more than it
@@ -121,4 +121,4 @@ void register_map_build(CLI::App& map) {
     on_run(*load_command, [load_options] { return load(*load_options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -12,7 +12,7 @@
 #include "map_source.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct Options {
@@ -154,4 +154,4 @@ void register_map_info(CLI::App& map) {
     on_run(*command, [options] { return info(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

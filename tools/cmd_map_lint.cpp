@@ -6,10 +6,10 @@
 #include <string>
 
 #include "command.h"
-#include "lint.h"
+#include "lint_fix.h"
 #include "terminal.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr std::size_t kShownFindings = 100;
@@ -74,4 +74,4 @@ void register_map_lint(CLI::App& map) {
     on_run(*command, [arguments] { return lint(*arguments); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

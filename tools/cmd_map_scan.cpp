@@ -16,7 +16,7 @@
 #include "tree_scan.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr std::size_t kLongestMapName = MAXMAP_NAMELEN - 1;
@@ -222,4 +222,4 @@ void register_map_scan(CLI::App& map) {
     on_run(*command, [options] { return scan(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

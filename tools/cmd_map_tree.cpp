@@ -16,7 +16,7 @@
 #include "terminal.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 // Beyond it, lines are no longer indented but tell their depth: a line's length stays bounded.
@@ -198,4 +198,4 @@ void register_map_tree(CLI::App& map) {
     on_run(*command, [options] { return show(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -10,7 +10,7 @@
 #include "map_source.h"
 #include "terminal.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct Options {
@@ -78,4 +78,4 @@ void register_map_verify(CLI::App& map) {
     on_run(*command, [options] { return verify(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -14,7 +14,7 @@
 #include "sim_script.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct Options {
@@ -71,4 +71,4 @@ void register_smb_sim(CLI::App& app) {
     on_run(*command, [options] { return simulate(*options); });
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -1,16 +1,10 @@
 // The frame of kavrinctl: the command tree and the way out of it.
 #include "command.h"
 
-#include <sys/shm.h>
-#include <unistd.h>
-
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 
-#include "kavrin.h"
-
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 Exit chosen_exit = Exit::kDone;
@@ -25,35 +19,12 @@ void give_footer(CLI::App& app) {
 
 }  // namespace
 
-void note(std::string_view message) {
-    fmt::print(stderr, "kavrinctl: {}\n", message);
-}
-
 void on_run(CLI::App& command, std::function<Exit()> body) {
     command.callback([body = std::move(body)] { chosen_exit = body(); });
 }
 
 void add_json_option(CLI::App& command, bool& json) {
     command.add_flag("--json", json, "Print one JSON document instead of text");
-}
-
-void use_library(int debug_level) {
-    const key_t key = ftok("/dev/null", 3456);
-    const bool shared = shmget(key, PARAM_MAX_INDEX * sizeof(global_param_t), 0) >= 0;
-    if (!shared || read_kavrin_config() != 0) {
-        std::free(global_params);
-        global_params =
-            static_cast<global_param_t*>(std::calloc(PARAM_MAX_INDEX, sizeof(global_param_t)));
-        if (global_params == nullptr) fail(Exit::kFailure, "out of memory");
-    }
-    global_params[PARAM_DEBUG_LEVEL].value.intval = debug_level;
-}
-
-void require_root(std::string_view command) {
-    if (geteuid() != 0)
-        fail(Exit::kFailure,
-             "{} works on objects that belong to root; run it as root (you are uid {})", command,
-             geteuid());
 }
 
 int run(int argc, const char* const* argv) {
@@ -112,4 +83,4 @@ int run(int argc, const char* const* argv) {
     return static_cast<int>(chosen_exit);
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -10,7 +10,7 @@
 #include "event_text.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 bool read_number(std::string_view text, std::int64_t& value) {
@@ -149,4 +149,4 @@ bool EventFilter::shows(const AuditEvent& event) const {
     return shows_user(nullptr, event.uid) && shows_path(event.path);
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -13,7 +13,7 @@
 #include "command.h"
 #include "vfs_common.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 // Seconds and microseconds of "1700000000", "1700000000.5", "2023-11-14", "2023-11-14
 // 22:13[:20[.5]]" (local time; a T may stand between), or "90s", "15m", "2h", "3d" before `now`.
@@ -46,4 +46,4 @@ private:
     std::vector<int> types_;
 };
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

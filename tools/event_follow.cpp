@@ -15,7 +15,7 @@
 
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 // Files come by a rename, or by a second link where the file system knows no safe rename. Those
@@ -140,4 +140,4 @@ void PendingFollower::follow(const Use& use) {
     for (const std::string& name : unfinished) read(name, use);
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

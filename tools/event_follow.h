@@ -21,7 +21,7 @@
 #include "descriptor.h"
 #include "pending_folder.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 // SIGINT and SIGTERM as something to wait for while it lives, so that one that comes between two
 // waits counts.
@@ -79,4 +79,4 @@ private:
     std::unordered_map<std::string, Place> places_;
 };
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -11,7 +11,7 @@
 
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr std::string_view kTypePrefix = "OPTYPE_";
@@ -126,4 +126,4 @@ void print_text_line(const std::string& line) {
     fmt::print("{}\n", line);
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -10,7 +10,7 @@
 
 #include "vfs_common.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 // "2023-11-14 22:13:20" in local time; the number for a time that no calendar holds.
 std::string local_time(std::int64_t seconds);
@@ -66,4 +66,4 @@ private:
     bool head_printed_ = false;
 };
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -7,7 +7,7 @@
 
 #include "permissions/decision_table.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 using kavrin::AceNote;
@@ -312,4 +312,4 @@ Json explanation_as_json(const Answer& answer, const ExplainContext& context,
             {"advice", advice}};
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -13,7 +13,7 @@
 #include "operations.h"
 #include "permissions/verdict_trail.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 // One question and what the enforcement answered.
 struct Answer {
@@ -53,4 +53,4 @@ std::vector<std::string> explanation_as_text(const Answer& answer, const Explain
 nlohmann::ordered_json explanation_as_json(const Answer& answer, const ExplainContext& context,
                                            const std::vector<std::string>& advice);
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -12,10 +12,10 @@
 #include <string_view>
 
 #include "command.h"
-#include "lint.h"
+#include "lint_fix.h"
 #include "pair_writer.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 std::string in_quotes(std::string_view text) {
@@ -63,4 +63,4 @@ void write_fixed_size_file(const LintReport& report) {
              report.size_path, strerror(errno));
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

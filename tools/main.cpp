@@ -2,5 +2,5 @@
 #include "command.h"
 
 int main(int argc, char** argv) {
-    return kavrinctl::run(argc, argv);
+    return kvadmin::run(argc, argv);
 }

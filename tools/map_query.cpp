@@ -16,7 +16,7 @@
 #include "kavrin_utils.h"
 #include "perm_utils.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr std::size_t kLongestPath = 4095;
@@ -119,4 +119,4 @@ void print_json(const nlohmann::json& document) {
     fmt::print("{}\n", document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

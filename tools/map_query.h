@@ -10,7 +10,7 @@
 #include "image_reader.h"
 #include "map_source.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 // One entry of an ACL, in the data file's order, which is the one that verdicts look in.
 struct AclEntry {
@@ -43,4 +43,4 @@ nlohmann::json to_json(const AclEntry& entry);
 // One JSON document on standard output; bytes that are no text become U+FFFD.
 void print_json(const nlohmann::json& document);
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -10,7 +10,7 @@
 
 #include "permissions/decision_table.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 using kavrin::AceNote;
@@ -236,4 +236,4 @@ std::vector<std::string> nearest_grant(const Answer& answer, const ExplainContex
     return Adviser(answer, context, ask).advise();
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

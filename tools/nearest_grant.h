@@ -9,7 +9,7 @@
 
 #include "explain.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 // The same question asked again by the same user, in these supplementary groups.
 using AskInGroups = std::function<Answer(const Question&, const std::vector<gid_t>&)>;
@@ -18,4 +18,4 @@ using AskInGroups = std::function<Answer(const Question&, const std::vector<gid_
 std::vector<std::string> nearest_grant(const Answer& answer, const ExplainContext& context,
                                        const AskInGroups& ask);
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -8,7 +8,7 @@
 #include "command.h"
 #include "permissions/decision_table.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr std::string_view kPrefix = "fsop_";
@@ -138,4 +138,4 @@ std::string_view type_words(int type) {
     }
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

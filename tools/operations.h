@@ -9,7 +9,7 @@
 #include "kavrin_perms.h"
 #include "kavrin_structs.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 // One question to the enforcement.
 struct Question {
@@ -36,4 +36,4 @@ std::vector<std::string_view> usual_operations(e_file_type_t type);
 std::string_view type_name(int type);
 std::string_view type_words(int type);
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

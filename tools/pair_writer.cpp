@@ -13,7 +13,7 @@
 
 #include "command.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr std::size_t kBufferSize = std::size_t{1} << 18;
@@ -147,4 +147,4 @@ void write_size_file(PendingFile& file, const MapIdentity& identity, const PairC
                     counts.name_bytes));
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

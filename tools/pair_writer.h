@@ -16,7 +16,7 @@
 #include "descriptor.h"
 #include "posix_fold.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 class PendingFile {
 public:
@@ -84,4 +84,4 @@ private:
 
 void write_size_file(PendingFile& file, const MapIdentity& identity, const PairCounts& counts);
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -9,7 +9,7 @@
 
 #include "kavrin_perms.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr std::uint32_t kNone = KAVRIN_PERM_MASK_NOPERM;
@@ -144,4 +144,4 @@ FoldedAcl fold(ElementKind kind, const PosixEntries& entries) {
     return acl;
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace kavrinctl {
+namespace kvadmin {
 
 enum class ElementKind { kFolder, kFile };
 
@@ -72,4 +72,4 @@ bool entries_of_acl(const FileStatus& status, acl_t acl, PosixEntries& entries);
 
 FoldedAcl fold(ElementKind kind, const PosixEntries& entries);
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

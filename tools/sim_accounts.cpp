@@ -6,7 +6,7 @@
 
 #include "identity.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr uid_t kNobody = 65'534;
@@ -24,4 +24,4 @@ std::string user_words(uid_t uid) {
     return account != nullptr ? std::string(account->pw_name) : fmt::format("uid {}", uid);
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

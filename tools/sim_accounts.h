@@ -5,7 +5,7 @@
 
 #include "sim_stage.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 // An account with all groups that the machine knows; one that does not exist connects as nobody.
 SimCaller caller_of_account(const std::string& name);
@@ -13,4 +13,4 @@ SimCaller caller_of_account(const std::string& name);
 // "alice", or "uid 2001".
 std::string user_words(uid_t uid);
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -14,7 +14,7 @@
 
 #include "record_file.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr std::uint32_t kFirstRecord = offsetof(staging_buffer_t, data);
@@ -236,4 +236,4 @@ bool SimConnection::is_folder(const std::string& path) const {
     return folder;
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -14,7 +14,7 @@
 #include "sim_report.h"
 #include "sim_script.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 class SimConnection {
 public:
@@ -95,4 +95,4 @@ inline bool is_done(const SimOutcome& outcome) {
 // Gives the user's credentials back after an operation; errno survives.
 void give_back(kv_perm_ctx_t*& context);
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -14,7 +14,7 @@
 #include "pending_folder.h"
 #include "staging_snapshot.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr std::size_t kMostBytes = 64U << 20;
@@ -74,4 +74,4 @@ void SimEvents::print_pending(const std::string& folder, const SimPrinter& print
                     reason.substr(0, reason.find_first_of(std::string_view("\n\0", 2))));
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

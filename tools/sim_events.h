@@ -9,7 +9,7 @@
 
 #include "sim_report.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 class SimEvents {
 public:
@@ -25,4 +25,4 @@ private:
     std::map<pid_t, std::size_t> seen_;
 };
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

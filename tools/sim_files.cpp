@@ -12,7 +12,7 @@
 #include "sim_connection.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr const char* kClient = "192.0.2.1";
@@ -189,4 +189,4 @@ SimOutcome SimConnection::unlink_file(std::string path) {
     return outcome;
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -13,7 +13,7 @@
 #include "sim_connection.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 struct CloseFolder {
@@ -149,4 +149,4 @@ SimOutcome SimConnection::list_entries(const std::string& path, void* folder) {
     return outcome;
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

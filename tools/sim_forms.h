@@ -10,7 +10,7 @@
 
 #include "sim_script.h"
 
-namespace kavrinctl::sim_forms {
+namespace kvadmin::sim_forms {
 
 enum class Needs : std::uint8_t {
     kNothing,
@@ -97,4 +97,4 @@ inline constexpr std::array<std::string_view, 1> kGroupsWord{"groups"};
 inline constexpr std::array<std::string_view, 1> kForWriting{"for-writing"};
 inline constexpr std::array<std::string_view, 2> kTrustees{"user", "group"};
 
-}  // namespace kavrinctl::sim_forms
+}  // namespace kvadmin::sim_forms

@@ -8,7 +8,7 @@
 
 #include "pair_writer.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 // One of an ACL's two lists of ids and masks.
@@ -77,4 +77,4 @@ void SimMap::append(std::string& out, const Element& element, Counts& counts) {
     out += "]}";
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

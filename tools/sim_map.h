@@ -8,7 +8,7 @@
 
 #include "sim_script.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 class SimMap {
 public:
@@ -40,4 +40,4 @@ private:
     bool touched_ = false;
 };
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -21,7 +21,7 @@
 #include "command.h"
 #include "sim_connection.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr int kChannel = 3;   // in the process
@@ -208,4 +208,4 @@ SimOutcome SimProcess::ended() {
     return outcome;
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

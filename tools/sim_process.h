@@ -15,7 +15,7 @@
 #include "sim_script.h"
 #include "sim_stage.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 class SimProcess {
 public:
@@ -45,4 +45,4 @@ private:
     Descriptor errors_;  // its standard error
 };
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

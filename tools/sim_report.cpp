@@ -10,7 +10,7 @@
 #include "sim_accounts.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 std::string errno_name(int error) {
@@ -106,4 +106,4 @@ std::string SimPrinter::relative(std::string_view path) const {
     return printable(path);
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

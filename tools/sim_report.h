@@ -10,7 +10,7 @@
 
 #include "vfs_common.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 struct SimAudit {
     std::string path;
@@ -54,4 +54,4 @@ private:
     bool times_;
 };
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

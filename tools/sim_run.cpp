@@ -9,7 +9,7 @@
 #include "event_text.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 std::string share_of(const SimScript& script, const SimStage& stage) {
@@ -113,4 +113,4 @@ void SimRun::expect(const SimStatement& statement) {
                                 printable(file_), statement.line));
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

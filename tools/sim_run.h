@@ -13,7 +13,7 @@
 #include "sim_script.h"
 #include "sim_stage.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 class SimRun {
 public:
@@ -43,4 +43,4 @@ private:
     SimOutcome last_;
 };
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

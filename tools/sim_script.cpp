@@ -14,7 +14,7 @@
 #include "sim_forms.h"
 #include "sim_words.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 using namespace sim_forms;
@@ -409,4 +409,4 @@ std::string sim_statement_list() {
     return text;
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kavrinctl {
+namespace kvadmin {
 
 enum class SimKind : std::uint8_t {
     kShare,
@@ -106,4 +106,4 @@ bool is_sim_operation(SimKind kind);
 // "share PATH", … one a line, for the help.
 std::string sim_statement_list();
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -22,7 +22,7 @@
 #include "processing_functions.h"
 #include "sim_accounts.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 namespace fs = std::filesystem;
@@ -244,4 +244,4 @@ void SimStage::touch(const SimStatement& statement) {
     date(path, time);
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -15,7 +15,7 @@
 #include "sim_map.h"
 #include "sim_script.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 struct SimSettings {
     bool sandboxed = false;
@@ -68,4 +68,4 @@ private:
     std::vector<std::pair<std::string, gid_t>> reserved_;
 };
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

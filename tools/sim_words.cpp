@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r";
@@ -78,4 +78,4 @@ SimLine split_sim_line(std::string_view line, std::size_t number) {
     return Splitter(line, number).split();
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

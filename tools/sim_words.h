@@ -8,7 +8,7 @@
 
 #include "sim_script.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 struct SimWord {
     std::string text;
@@ -24,4 +24,4 @@ struct SimLine {
 
 SimLine split_sim_line(std::string_view line, std::size_t number);
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

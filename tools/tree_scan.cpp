@@ -17,7 +17,7 @@
 #include "command.h"
 #include "utf8.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 constexpr std::size_t kLongestName = UINT16_MAX;  // an image counts a name's bytes in 16 bits
@@ -272,4 +272,4 @@ ScanResult scan_tree(const ScanRequest& request, DataWriter& writer) {
     return TreeScan(request, writer).run();
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

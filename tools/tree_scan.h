@@ -15,7 +15,7 @@
 
 #include "pair_writer.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 struct ScanRequest {
     std::string folder;
@@ -48,4 +48,4 @@ const char* name_problem(std::string_view name);
 // and treated as empty.
 ScanResult scan_tree(const ScanRequest& request, DataWriter& writer);
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -22,7 +22,7 @@
 #include "kavrin.h"
 #include "nearest_grant.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -190,4 +190,4 @@ Json ask_in_child(const VerdictJob& job) {
     return Json::parse(text);
 }
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

@@ -9,7 +9,7 @@
 
 #include "explain.h"
 
-namespace kavrinctl {
+namespace kvadmin {
 
 struct VerdictJob {
     ExplainContext context;  // the caller; `image` is found by the child
@@ -23,4 +23,4 @@ struct VerdictJob {
 // "explanation" and "text" (lines). Anything that keeps the child from answering is a CommandError.
 nlohmann::ordered_json ask_in_child(const VerdictJob& job);
 
-}  // namespace kavrinctl
+}  // namespace kvadmin

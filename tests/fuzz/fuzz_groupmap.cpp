@@ -23,9 +23,9 @@
 
 namespace {
 
-using kavrinctl::GroupMapContent;
-using kavrinctl::GroupMapReport;
-using kavrinctl::GroupMapView;
+using kvadmin::GroupMapContent;
+using kvadmin::GroupMapReport;
+using kvadmin::GroupMapView;
 using Bytes = std::vector<std::uint8_t>;
 
 void require(bool condition) {
@@ -77,8 +77,8 @@ void read_sound(const Bytes& bytes) {
 
 void check(Bytes bytes) {
     bytes.shrink_to_fit();
-    const GroupMapReport report = kavrinctl::check_groupmap(bytes);
-    require(report.sound() == kavrinctl::first_fault(report).empty());
+    const GroupMapReport report = kvadmin::check_groupmap(bytes);
+    require(report.sound() == kvadmin::first_fault(report).empty());
     require(report.findings.size() <= report.faults + report.remarks);
     for (const auto& finding : report.findings) require(!line_for(finding).empty());
     if (report.sound()) read_sound(bytes);
@@ -86,7 +86,7 @@ void check(Bytes bytes) {
 
 const Bytes& honest_file() {
     static const Bytes file = [] {
-        const std::string text = kavrinctl::encode_groupmap(
+        const std::string text = kvadmin::encode_groupmap(
             {{{"kavrin-admins", 3001}, {"kavrin-powerusers", 3002}},
              {{"alice", {1000, 3001}}, {"Bob", {}}, {"carol", {1000, 1005, 3002}}, {"root", {0}}}});
         return Bytes(text.begin(), text.end());
@@ -121,14 +121,14 @@ void read_text(const std::uint8_t* bytes, std::size_t size) {
     const std::string path = "/proc/self/fd/" + std::to_string(file);
     GroupMapContent content;
     try {
-        content = kavrinctl::groupmap_of_json(path);
-    } catch (const kavrinctl::CommandError& error) {
-        require(error.code == kavrinctl::Exit::kInvalidInput && !error.message.empty());
+        content = kvadmin::groupmap_of_json(path);
+    } catch (const kvadmin::CommandError& error) {
+        require(error.code == kvadmin::Exit::kInvalidInput && !error.message.empty());
         return;
     }
-    const std::string text = kavrinctl::encode_groupmap(content);
+    const std::string text = kvadmin::encode_groupmap(content);
     const Bytes encoded(text.begin(), text.end());
-    require(kavrinctl::check_groupmap(encoded).sound());
+    require(kvadmin::check_groupmap(encoded).sound());
     for (const auto& user : content.users) require(look_up(encoded, user.name) == user.gids);
     read_sound(encoded);
 }

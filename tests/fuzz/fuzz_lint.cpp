@@ -18,18 +18,18 @@ void require(bool condition) {
 }
 
 void read_in_stretches(std::string_view text) {
-    kavrinctl::ByteSource whole_source(text);
-    kavrinctl::ByteSource parts_source(text, 3);
-    kavrinctl::JsonLexer whole(whole_source);
-    kavrinctl::JsonLexer parts(parts_source);
+    kvadmin::ByteSource whole_source(text);
+    kvadmin::ByteSource parts_source(text, 3);
+    kvadmin::JsonLexer whole(whole_source);
+    kvadmin::JsonLexer parts(parts_source);
     require(whole.skip_byte_order_mark() == parts.skip_byte_order_mark());
     for (;;) {
-        const kavrinctl::Token a = whole.next();
-        const kavrinctl::Token b = parts.next();
+        const kvadmin::Token a = whole.next();
+        const kvadmin::Token b = parts.next();
         require(a.kind == b.kind && a.flaw == b.flaw && a.has_nul == b.has_nul);
         require(a.plain == b.plain && a.place == b.place && a.length == b.length);
-        require(a.text == b.text || a.length > kavrinctl::JsonLexer::kKeptBytes);
-        if (a.kind == kavrinctl::TokenKind::kEnd || a.kind == kavrinctl::TokenKind::kError) return;
+        require(a.text == b.text || a.length > kvadmin::JsonLexer::kKeptBytes);
+        if (a.kind == kvadmin::TokenKind::kEnd || a.kind == kvadmin::TokenKind::kError) return;
     }
 }
 
@@ -54,12 +54,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         border == std::string_view::npos ? std::string_view{} : input.substr(border + 1);
     read_in_stretches(data_text);
 
-    kavrinctl::LintOptions options;
+    kvadmin::LintOptions options;
     options.kept_findings = 4;
-    const kavrinctl::LintReport report = kavrinctl::lint_texts(size_text, data_text, options);
-    for (const kavrinctl::Finding& finding : report.findings)
-        require(!kavrinctl::describe(report, finding).empty());
-    require(!kavrinctl::report_as_json(report).empty());
+    const kvadmin::LintReport report = kvadmin::lint_texts(size_text, data_text, options);
+    for (const kvadmin::Finding& finding : report.findings)
+        require(!kvadmin::describe(report, finding).empty());
+    require(!kvadmin::report_as_json(report).empty());
     if (!report.clean()) return 0;
     require(parser_accepts(size_text) && parser_accepts(data_text));
     require(report.counts.elements >= 1 && report.counts.elements == report.announced.elements);

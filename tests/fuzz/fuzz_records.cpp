@@ -18,7 +18,7 @@
 #include "record_file.h"
 #include "utf8.h"
 
-using namespace kavrinctl;
+using namespace kvadmin;
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include "kavrin.h"
 #include "tests/permissions/hand_image.h"
 
-using namespace kavrinctl;
+using namespace kvadmin;
 
 namespace {
 

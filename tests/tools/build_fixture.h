@@ -27,8 +27,8 @@
 
 namespace kvtest {
 
-using kavrinctl::BuildStep;
-using kavrinctl::Exit;
+using kvadmin::BuildStep;
+using kvadmin::Exit;
 
 inline constexpr int kFailure = static_cast<int>(Exit::kFailure);
 inline constexpr int kInvalidInput = static_cast<int>(Exit::kInvalidInput);
@@ -57,7 +57,7 @@ inline ChildResult run_tool(const std::vector<std::string>& arguments) {
     return run_child([&] {
         std::vector<const char*> argv{"kavrinctl"};
         for (const std::string& argument : arguments) argv.push_back(argument.c_str());
-        return kavrinctl::run(static_cast<int>(argv.size()), argv.data());
+        return kvadmin::run(static_cast<int>(argv.size()), argv.data());
     });
 }
 
@@ -108,8 +108,8 @@ protected:
         ASSERT_EQ(result.exit_code, 0) << result.err;
     }
 
-    kavrinctl::BuildRequest request(kavrinctl::StepObserver on_step = {}) const {
-        kavrinctl::BuildRequest request;
+    kvadmin::BuildRequest request(kvadmin::StepObserver on_step = {}) const {
+        kvadmin::BuildRequest request;
         request.size_path = size_path();
         request.data_path = data_path();
         request.on_step = std::move(on_step);
@@ -118,19 +118,19 @@ protected:
 
     // build_map() in a process of its own, with an observer that may end processes. Exit code 0
     // when the map was published, else the command's.
-    ChildResult build_observed(const kavrinctl::StepObserver& on_step,
-                               const kavrinctl::BuildLimits& limits = {}) {
+    ChildResult build_observed(const kvadmin::StepObserver& on_step,
+                               const kvadmin::BuildLimits& limits = {}) {
         return run_child([&] {
-            kavrinctl::BuildRequest job = request(on_step);
+            kvadmin::BuildRequest job = request(on_step);
             job.limits = limits;
-            return ending_of([&job] { kavrinctl::build_map(job); });
+            return ending_of([&job] { kvadmin::build_map(job); });
         });
     }
     static int ending_of(const std::function<void()>& body) {
         try {
             body();
-        } catch (const kavrinctl::CommandError& error) {
-            kavrinctl::note(error.message);
+        } catch (const kvadmin::CommandError& error) {
+            kvadmin::note(error.message);
             return static_cast<int>(error.code);
         }
         return 0;
@@ -158,8 +158,8 @@ protected:
         if (map == nullptr) return -1;
         shmid_ds status{};
         EXPECT_EQ(shmctl(segment_of(get_current_perm_table_index()), IPC_STAT, &status), 0);
-        const kavrinctl::ImageReport report =
-            kavrinctl::check_image({static_cast<const std::uint8_t*>(map), status.shm_segsz});
+        const kvadmin::ImageReport report =
+            kvadmin::check_image({static_cast<const std::uint8_t*>(map), status.shm_segsz});
         EXPECT_TRUE(report.sound()) << report.first_line();
         const long generation = static_cast<kavrin_be_header_t*>(map)->generationnum;
         put_perm_map_addr(map);
@@ -171,7 +171,7 @@ protected:
         EXPECT_EQ(served_generation(), generation);
         if (generation >= 0) {
             const std::vector<std::uint8_t> bytes = persisted_bytes();
-            EXPECT_TRUE(kavrinctl::check_image(bytes).sound());
+            EXPECT_TRUE(kvadmin::check_image(bytes).sound());
             kavrin_be_header_t header{};
             ASSERT_GE(bytes.size(), sizeof header);
             std::memcpy(&header, bytes.data(), sizeof header);

@@ -12,7 +12,7 @@
 namespace kvtest {
 namespace {
 
-using kavrinctl::Exit;
+using kvadmin::Exit;
 
 constexpr int kDone = static_cast<int>(Exit::kDone);
 constexpr int kFailure = static_cast<int>(Exit::kFailure);
@@ -74,7 +74,7 @@ TEST_F(Check, EveryUserAndOperationIsAnsweredAsAFileServerIs) {
         if (kavrin::decision_row(code, FSTYPE_FILE).need == kavrin::Need::kProgrammingError)
             continue;
         ops.push_back(op);
-        names.push_back(kavrinctl::operation_name(code));
+        names.push_back(kvadmin::operation_name(code));
     }
     ASSERT_EQ(ops.size(), 16u);
     int allowed = 0;
@@ -291,7 +291,7 @@ TEST_F(Check, OperationsWithoutARuleAreRefusedByName) {
         const auto code = static_cast<e_fsop_type_t>(op);
         if (kavrin::decision_row(code, FSTYPE_FILE).need != kavrin::Need::kProgrammingError)
             continue;
-        const std::string name = kavrinctl::operation_name(code);
+        const std::string name = kvadmin::operation_name(code);
         const ChildResult result = check("alice", "Shared/Docs", {"stat", name});
         EXPECT_EQ(result.exit_code, kUsage);
         EXPECT_TRUE(contains(result.err, "'" + name + "'")) << result.err;
@@ -347,7 +347,7 @@ TEST_F(Check, OnlyRootAsks) {
         const std::string root = share;
         const char* const argv[] = {"kavrinctl", "check",      "--user", "alice",
                                     "--root",    root.c_str(), "Shared"};
-        return kavrinctl::run(7, argv);
+        return kvadmin::run(7, argv);
     });
     EXPECT_EQ(result.exit_code, kFailure);
     EXPECT_TRUE(contains(result.err, "root")) << result.err;

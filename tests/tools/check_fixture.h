@@ -78,7 +78,7 @@ protected:
         return run_child([&] {
             std::vector<const char*> argv{"kavrinctl", "check"};
             for (const std::string& argument : arguments) argv.push_back(argument.c_str());
-            return kavrinctl::run(static_cast<int>(argv.size()), argv.data());
+            return kvadmin::run(static_cast<int>(argv.size()), argv.data());
         });
     }
     ChildResult check(const std::string& user, const std::string& path,

@@ -56,27 +56,27 @@ void expect_bad_setting(const std::string& setting, const std::string& message) 
 
 TEST(ConfigKeys, AgreeWithTheTableThatTheLibraryMakes) {
     const ChildResult result = kvtest::run_child([] {
-        kavrinctl::use_library();
+        kvadmin::use_library();
         if (create_config_buffer() != 0) return 2;
         std::size_t keyed = 0;
         for (int slot = 0; slot < PARAM_MAX_INDEX; ++slot)
             keyed += global_params[slot].varname != nullptr ? 1 : 0;
-        for (const kavrinctl::ConfigKey& key : kavrinctl::config_keys()) {
+        for (const kvadmin::ConfigKey& key : kvadmin::config_keys()) {
             const global_param_t& slot = global_params[key.slot];
             if (slot.varname == nullptr || slot.varname != key.name) return 3;
             if (slot.type != static_cast<std::uint32_t>(key.type)) return 4;
         }
-        return keyed == kavrinctl::config_keys().size() ? 0 : 5;
+        return keyed == kvadmin::config_keys().size() ? 0 : 5;
     });
     EXPECT_EQ(result.exit_code, 0);
 }
 
 TEST(ConfigKeys, NearestNameIgnoresLetterCase) {
-    EXPECT_EQ(kavrinctl::nearest_config_key("vfs:DEBUG LEVEL"), "VFS:debug level");
-    EXPECT_EQ(kavrinctl::nearest_config_key("debuglevel"), "VFS:debug level");
-    EXPECT_EQ(kavrinctl::nearest_config_key("SWEEPER:stagingdir"), "SWEEPER:staging dir");
-    for (const kavrinctl::ConfigKey& key : kavrinctl::config_keys())
-        EXPECT_EQ(kavrinctl::nearest_config_key(key.name), key.name);
+    EXPECT_EQ(kvadmin::nearest_config_key("vfs:DEBUG LEVEL"), "VFS:debug level");
+    EXPECT_EQ(kvadmin::nearest_config_key("debuglevel"), "VFS:debug level");
+    EXPECT_EQ(kvadmin::nearest_config_key("SWEEPER:stagingdir"), "SWEEPER:staging dir");
+    for (const kvadmin::ConfigKey& key : kvadmin::config_keys())
+        EXPECT_EQ(kvadmin::nearest_config_key(key.name), key.name);
 }
 
 TEST(ConfigCreate, MakesAZeroTable) {
@@ -85,7 +85,7 @@ TEST(ConfigCreate, MakesAZeroTable) {
     EXPECT_EQ(result.err,
               "kavrinctl: created the configuration table with 0 of its 17 parameters set\n");
     Table table;
-    for (const kavrinctl::ConfigKey& key : kavrinctl::config_keys()) {
+    for (const kvadmin::ConfigKey& key : kvadmin::config_keys()) {
         EXPECT_EQ(table[key.slot].type, static_cast<std::uint32_t>(key.type)) << key.name;
         const std::string zero(KAVRIN_PARAM_STRLEN, '\0');
         EXPECT_EQ(std::string(table[key.slot].value.strval, KAVRIN_PARAM_STRLEN), zero) << key.name;
@@ -115,8 +115,8 @@ TEST(ConfigCreate, SetsValuesOfEveryType) {
 TEST(ConfigCreate, TakesEveryBooleanWord) {
     for (const auto& [word, value] :
          {std::pair{"yes", 1}, {"true", 1}, {"1", 1}, {"no", 0}, {"false", 0}, {"0", 0}}) {
-        const kavrinctl::ConfigSetting setting =
-            kavrinctl::parse_setting(std::string("VFS:enable forbidden rmdir=") + word);
+        const kvadmin::ConfigSetting setting =
+            kvadmin::parse_setting(std::string("VFS:enable forbidden rmdir=") + word);
         EXPECT_EQ(setting.number, value) << word;
     }
 }
@@ -197,14 +197,14 @@ TEST(ConfigCreate, AnyoneMayMakeATableButNotReplaceAnothers) {
     const ChildResult made = kvtest::run_child([] {
         if (setresgid(3001, 3001, 3001) != 0 || setresuid(3001, 3001, 3001) != 0) return 99;
         const char* words[] = {"kavrinctl", "config", "create"};
-        return kavrinctl::run(3, words);
+        return kvadmin::run(3, words);
     });
     ASSERT_EQ(made.exit_code, 0) << made.err;
     for (const char* command : {"create", "remove"}) {
         const ChildResult result = kvtest::run_child([&] {
             if (setresgid(3002, 3002, 3002) != 0 || setresuid(3002, 3002, 3002) != 0) return 99;
             const char* words[] = {"kavrinctl", "config", command, "--replace"};
-            return kavrinctl::run(std::strcmp(command, "create") == 0 ? 4 : 3, words);
+            return kvadmin::run(std::strcmp(command, "create") == 0 ? 4 : 3, words);
         });
         expect_refused(result, 1,
                        "the configuration table belongs to uid 3001; only that user and root may "

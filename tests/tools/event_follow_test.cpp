@@ -64,7 +64,7 @@ public:
         dup2(err, STDERR_FILENO);
         std::vector<const char*> words{"kavrinctl", "events", "tail", "--follow", folder.c_str()};
         for (const std::string& word : more) words.push_back(word.c_str());
-        const int code = kavrinctl::run(static_cast<int>(words.size()), words.data());
+        const int code = kvadmin::run(static_cast<int>(words.size()), words.data());
         std::fflush(nullptr);
         _exit(code);
     }

@@ -163,7 +163,7 @@ TEST_F(Recover, WorksWhereTheFileSystemHasNoSafeRename) {
     const ChildResult result = kvtest::run_child([&] {
         die_at = Step::kNoNames;
         const char* words[] = {"kavrinctl", "events", "recover", folder_.c_str()};
-        return kavrinctl::run(4, words);
+        return kvadmin::run(4, words);
     });
     EXPECT_EQ(result.exit_code, 3) << result.err;
     EXPECT_EQ(names(),
@@ -192,8 +192,8 @@ TEST_F(Recover, LeavesYoungFilesAlone) {
 TEST_F(Recover, LeavesAFileAloneThatAProcessIsWriting) {
     leave("kvtempAbCdEf", numbered_file(0, 1));
     leave("kvtempEmptyX", "");
-    const kavrinctl::Descriptor one(open(path("kvtempAbCdEf").c_str(), O_RDWR | O_CLOEXEC));
-    const kavrinctl::Descriptor two(open(path("kvtempEmptyX").c_str(), O_WRONLY | O_CLOEXEC));
+    const kvadmin::Descriptor one(open(path("kvtempAbCdEf").c_str(), O_RDWR | O_CLOEXEC));
+    const kvadmin::Descriptor two(open(path("kvtempEmptyX").c_str(), O_WRONLY | O_CLOEXEC));
     const ChildResult result = recover();
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_EQ(result.out,
@@ -380,7 +380,7 @@ TEST_F(Recover, NeedsRootAndAFolder) {
     const ChildResult user = kvtest::run_child([&] {
         if (setresuid(3001, 3001, 3001) != 0) return 99;
         const char* words[] = {"kavrinctl", "events", "recover", folder_.c_str()};
-        return kavrinctl::run(4, words);
+        return kvadmin::run(4, words);
     });
     EXPECT_EQ(user.exit_code, 1);
     EXPECT_NE(user.err.find("events recover works on objects that belong to root"),
@@ -462,9 +462,9 @@ TEST_F(Recover, NothingIsLostOrDoubledBesideWorkingFlushers) {
         _exit(0);
     }
     const auto recover_now = [&] {
-        for (const kavrinctl::TemporaryFile& file :
-             kavrinctl::recover_events(folder_, {std::chrono::seconds(0), false}).files)
-            EXPECT_NE(file.fate, kavrinctl::TemporaryFate::kTorn) << file.name << file.remark;
+        for (const kvadmin::TemporaryFile& file :
+             kvadmin::recover_events(folder_, {std::chrono::seconds(0), false}).files)
+            EXPECT_NE(file.fate, kvadmin::TemporaryFate::kTorn) << file.name << file.remark;
     };
     for (int ended = 0; ended < kWriters;) {
         recover_now();

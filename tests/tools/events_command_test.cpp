@@ -164,15 +164,15 @@ TEST_F(Events, AFileThatCannotBeReadIsToldAndTheOthersAreRead) {
 }
 
 TEST_F(Events, AListedFileThatVanishedIsNoError) {
-    kavrinctl::RecordInput input;
+    kvadmin::RecordInput input;
     testing::internal::CaptureStderr();
     EXPECT_FALSE(input.open({folder_ + "/pending_1.000000", true}).valid());
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(input.exit(), kavrinctl::Exit::kDone);
+    EXPECT_EQ(input.exit(), kvadmin::Exit::kDone);
     testing::internal::CaptureStderr();
     EXPECT_FALSE(input.open({folder_ + "/pending_1.000000", false}).valid());
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(input.exit(), kavrinctl::Exit::kFailure);
+    EXPECT_EQ(input.exit(), kvadmin::Exit::kFailure);
 }
 
 TEST_F(Events, CatOfAnEmptyFolderPrintsNothing) {
@@ -211,12 +211,12 @@ TEST_F(Events, CatRefusesWhatIsNoTime) {
 
 TEST(EventMoment, CountsBackFromNow) {
     using Moment = std::pair<std::int64_t, std::int64_t>;
-    EXPECT_EQ(kavrinctl::parse_moment("90s", 1000000), Moment(999910, 0));
-    EXPECT_EQ(kavrinctl::parse_moment("15m", 1000000), Moment(999100, 0));
-    EXPECT_EQ(kavrinctl::parse_moment("2h", 1000000), Moment(992800, 0));
-    EXPECT_EQ(kavrinctl::parse_moment("3d", 1000000), Moment(740800, 0));
-    EXPECT_EQ(kavrinctl::parse_moment("1700000000.5", 0), Moment(1700000000, 500000));
-    EXPECT_EQ(kavrinctl::parse_moment("1700000000.0000429", 0), Moment(1700000000, 42));
+    EXPECT_EQ(kvadmin::parse_moment("90s", 1000000), Moment(999910, 0));
+    EXPECT_EQ(kvadmin::parse_moment("15m", 1000000), Moment(999100, 0));
+    EXPECT_EQ(kvadmin::parse_moment("2h", 1000000), Moment(992800, 0));
+    EXPECT_EQ(kvadmin::parse_moment("3d", 1000000), Moment(740800, 0));
+    EXPECT_EQ(kvadmin::parse_moment("1700000000.5", 0), Moment(1700000000, 500000));
+    EXPECT_EQ(kvadmin::parse_moment("1700000000.0000429", 0), Moment(1700000000, 42));
 }
 
 TEST_F(Events, CatFiltersByUser) {

@@ -198,7 +198,7 @@ TEST_F(Explain, MasksHaveTheirUsualNames) {
                                                            {2, "0x2"},
                                                            {6, "0x6"},
                                                            {0x41, "RDONLY+0x40"}};
-    for (const auto& [mask, name] : names) EXPECT_EQ(kavrinctl::mask_words(mask), name);
+    for (const auto& [mask, name] : names) EXPECT_EQ(kvadmin::mask_words(mask), name);
 }
 
 // The sentences are promises: every suggested grant and membership is carried out here.
@@ -220,7 +220,7 @@ TEST_F(Explain, GrantThatIsSuggestedDoesAllowIt) {
         ASSERT_EQ(before["verdict"], "denied");
         const Sentences sentences = before["explanation"]["advice"];
         const std::string promise = std::string("giving ") + denied.user + " " +
-                                    kavrinctl::mask_words(denied.mask) + " on /Shared/" +
+                                    kvadmin::mask_words(denied.mask) + " on /Shared/" +
                                     denied.folder;
         EXPECT_NE(sentences.back().find(promise), std::string::npos) << sentences.back();
         Node changed = map();

@@ -267,13 +267,13 @@ TEST(FormatsDocument, SlotIsTheStructureAndWhatASettingMakes) {
 
 TEST(FormatsDocument, ParametersAreThoseOfTheTable) {
     const std::vector<Row> rows = table("Parameters");
-    const auto keys = kavrinctl::config_keys();
+    const auto keys = kvadmin::config_keys();
     ASSERT_EQ(rows.size(), keys.size());
     for (std::size_t i = 0; i < rows.size(); ++i) {
         EXPECT_EQ(std::stoi(rows[i][0]), keys[i].slot);
         EXPECT_EQ(std::stoul(rows[i][1]), keys[i].slot * sizeof(global_param_t));
         EXPECT_EQ(rows[i][2], keys[i].name);
-        EXPECT_EQ(rows[i][3], kavrinctl::type_name(keys[i].type));
+        EXPECT_EQ(rows[i][3], kvadmin::type_name(keys[i].type));
     }
 }
 

@@ -59,12 +59,12 @@ TEST(FormatsGroupMap, BytesAreWhatTheToolMakesOfTheJsonFile) {
         kvtest::run_tool({"groupmap", "build", "--from", "/tmp/groups.json"});
     ASSERT_EQ(result.exit_code, 0) << result.err;
     const Bytes shown = example();
-    EXPECT_EQ(kvtest::read_file(kavrinctl::kGroupMapPath), std::string(shown.begin(), shown.end()));
+    EXPECT_EQ(kvtest::read_file(kvadmin::kGroupMapPath), std::string(shown.begin(), shown.end()));
 }
 
 TEST(FormatsGroupMap, TheLibraryReadsTheBytes) {
     const Bytes bytes = example();
-    EXPECT_TRUE(kavrinctl::check_groupmap(bytes).findings.empty());
+    EXPECT_TRUE(kvadmin::check_groupmap(bytes).findings.empty());
     const auto document = nlohmann::json::parse(block("Group-map file", "json"));
     const kvtest::QuietReader quiet;
     for (const auto& [name, gids] : document["users"].items())

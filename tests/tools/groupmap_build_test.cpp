@@ -20,7 +20,7 @@ using kvtest::MappedGroups;
 using kvtest::run_tool;
 using kvtest::write_file;
 
-const std::string kMap = kavrinctl::kGroupMapPath;
+const std::string kMap = kvadmin::kGroupMapPath;
 
 ChildResult build_from(const std::string& json) {
     write_file("/tmp/groups.json", json);
@@ -202,7 +202,7 @@ TEST(GroupMapBuild, AUserIsInAsManyGroupsAsAProcessMayBe) {
 }
 
 TEST(GroupMapBuild, AHundredThousandUsersGoThroughTheTool) {
-    kavrinctl::GroupMapContent content{{{"kavrin-admins", 3001}}, {}};
+    kvadmin::GroupMapContent content{{{"kavrin-admins", 3001}}, {}};
     std::string json = "{\"reserved\": {\"kavrin-admins\": 3001}, \"users\": {\n";
     for (std::uint32_t i = 0; i < 100'000; ++i) {
         content.users.push_back({"user" + std::to_string(i), {i, 200'000 + i % 97, 300'001}});
@@ -229,7 +229,7 @@ TEST(GroupMapBuild, TheFileIsReadableByAllAndWritableByRootOnly) {
         umask(0077);
         write_file("/tmp/groups.json", "{\"users\": {}}");
         const char* words[] = {"kavrinctl", "groupmap", "build", "--from", "/tmp/groups.json"};
-        return kavrinctl::run(5, words);
+        return kvadmin::run(5, words);
     });
     ASSERT_EQ(result.exit_code, 0) << result.err;
     struct stat status;
@@ -288,7 +288,7 @@ TEST(GroupMapBuild, AFullDiskLeavesTheFileAsItWas) {
         std::signal(SIGXFSZ, SIG_IGN);
         if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 99;
         const char* words[] = {"kavrinctl", "groupmap", "build", "--from", "/tmp/groups.json"};
-        return kavrinctl::run(5, words);
+        return kvadmin::run(5, words);
     });
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_NE(result.err.find("File too large; '/etc/kavrin/groupmap_refresh' is as it was\n"),
@@ -432,13 +432,13 @@ TEST(GroupMapBuild, AnyoneMayWriteAFileOfHisOwn) {
         if (setresgid(3001, 3001, 3001) != 0 || setresuid(3001, 3001, 3001) != 0) return 99;
         const char* words[] = {"kavrinctl",        "groupmap", "build",    "--from",
                                "/tmp/groups.json", "--output", "/tmp/mine"};
-        return kavrinctl::run(7, words);
+        return kvadmin::run(7, words);
     });
     EXPECT_EQ(result.exit_code, 0) << result.err;
     const ChildResult refused = kvtest::run_child([] {
         if (setresgid(3001, 3001, 3001) != 0 || setresuid(3001, 3001, 3001) != 0) return 99;
         const char* words[] = {"kavrinctl", "groupmap", "build", "--from", "/tmp/groups.json"};
-        return kavrinctl::run(5, words);
+        return kvadmin::run(5, words);
     });
     expect_refused(refused, 1,
                    "cannot create a file beside '/etc/kavrin/groupmap_refresh': Permission denied");

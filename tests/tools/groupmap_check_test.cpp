@@ -10,9 +10,9 @@
 
 namespace {
 
-using kavrinctl::check_groupmap;
-using kavrinctl::GroupMapContent;
-using kavrinctl::GroupMapReport;
+using kvadmin::check_groupmap;
+using kvadmin::GroupMapContent;
+using kvadmin::GroupMapReport;
 using kvtest::Bytes;
 using kvtest::bytes_of;
 using kvtest::get32;
@@ -73,7 +73,7 @@ void expect_reader_agrees(const Bytes& bytes) {
 // Checks the bytes; counts whether they pass, and holds the reader against those that do.
 void check(const Bytes& bytes, int& sound) {
     const GroupMapReport report = check_groupmap(bytes);
-    ASSERT_EQ(report.sound(), kavrinctl::first_fault(report).empty());
+    ASSERT_EQ(report.sound(), kvadmin::first_fault(report).empty());
     if (!report.sound()) return;
     ++sound;
     expect_reader_agrees(bytes);

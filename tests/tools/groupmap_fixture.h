@@ -24,8 +24,8 @@ namespace kvtest {
 using Gids = std::vector<gid_t>;
 using Bytes = std::vector<std::uint8_t>;
 
-inline Bytes bytes_of(const kavrinctl::GroupMapContent& content) {
-    const std::string text = kavrinctl::encode_groupmap(content);
+inline Bytes bytes_of(const kvadmin::GroupMapContent& content) {
+    const std::string text = kvadmin::encode_groupmap(content);
     return Bytes(text.begin(), text.end());
 }
 
@@ -98,7 +98,7 @@ private:
 // each of many thousands that way takes forever: the walk over all is done once, for the last user
 // and for one who is not there, and the others are asked for with the table's start moved up to
 // them, which leaves every bound that the reader checks as it is.
-inline void expect_all_readable(Bytes bytes, const kavrinctl::GroupMapContent& content) {
+inline void expect_all_readable(Bytes bytes, const kvadmin::GroupMapContent& content) {
     const QuietReader quiet;
     const auto& users = content.users;
     if (!users.empty()) {

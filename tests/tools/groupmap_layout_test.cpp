@@ -8,9 +8,9 @@
 
 namespace {
 
-using kavrinctl::check_groupmap;
-using kavrinctl::GroupMapContent;
-using kavrinctl::GroupMapUser;
+using kvadmin::check_groupmap;
+using kvadmin::GroupMapContent;
+using kvadmin::GroupMapUser;
 using kvtest::Bytes;
 using kvtest::bytes_of;
 using kvtest::get32;
@@ -23,8 +23,8 @@ std::vector<std::uint32_t> some_gids(std::size_t count, std::uint32_t from) {
 
 void expect_good(const GroupMapContent& content) {
     const Bytes bytes = bytes_of(content);
-    const kavrinctl::GroupMapReport report = check_groupmap(bytes);
-    ASSERT_TRUE(report.sound()) << kavrinctl::first_fault(report);
+    const kvadmin::GroupMapReport report = check_groupmap(bytes);
+    ASSERT_TRUE(report.sound()) << kvadmin::first_fault(report);
     ASSERT_EQ(bytes.size() % KAVRIN_GROUPMAP_ALIGN, 0u);
     ASSERT_GE(bytes.size(), std::size_t{KAVRIN_GROUPMAP_MIN_SIZE});
     kvtest::expect_all_readable(bytes, content);
@@ -121,14 +121,14 @@ TEST(GroupMapLayout, AHundredThousandUsersAreReadBack) {
 }
 
 TEST(GroupMapLayout, MoreBytesThanCanBeReadAreRefused) {
-    EXPECT_EQ(kavrinctl::kLargestGroupMap, 4'294'963'200u);
+    EXPECT_EQ(kvadmin::kLargestGroupMap, 4'294'963'200u);
     const GroupMapContent content{{}, {{"u", some_gids(3'000, 1)}}};
-    EXPECT_EQ(kavrinctl::encode_groupmap(content, 12'288).size(), 12'288u);
+    EXPECT_EQ(kvadmin::encode_groupmap(content, 12'288).size(), 12'288u);
     try {
-        kavrinctl::encode_groupmap(content, 12'287);
+        kvadmin::encode_groupmap(content, 12'287);
         FAIL();
-    } catch (const kavrinctl::CommandError& error) {
-        EXPECT_EQ(error.code, kavrinctl::Exit::kFailure);
+    } catch (const kvadmin::CommandError& error) {
+        EXPECT_EQ(error.code, kvadmin::Exit::kFailure);
         EXPECT_EQ(error.message,
                   "the group map would have 12288 bytes, and no more than 12287 can be read; leave "
                   "users out; nothing was written");
@@ -136,7 +136,7 @@ TEST(GroupMapLayout, MoreBytesThanCanBeReadAreRefused) {
 }
 
 TEST(GroupMapNames, FlawsAreNamed) {
-    using kavrinctl::flaw_of_name;
+    using kvadmin::flaw_of_name;
     EXPECT_EQ(flaw_of_name("DOMAIN\\alice$"), "");
     EXPECT_EQ(flaw_of_name("j\xC3\xB6rg"), "");
     EXPECT_EQ(flaw_of_name(std::string(1024, 'x')), "");
@@ -148,5 +148,5 @@ TEST(GroupMapNames, FlawsAreNamed) {
 }
 
 TEST(GroupMapNames, FoldingIsOfAsciiLettersOnly) {
-    EXPECT_EQ(kavrinctl::folded_name("AZaz[@\xC3\x84"), "azaz[@\xC3\x84");
+    EXPECT_EQ(kvadmin::folded_name("AZaz[@\xC3\x84"), "azaz[@\xC3\x84");
 }

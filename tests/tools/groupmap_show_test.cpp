@@ -15,7 +15,7 @@ using kvtest::expect_refused;
 using kvtest::put32;
 using kvtest::run_tool;
 
-const std::string kMap = kavrinctl::kGroupMapPath;
+const std::string kMap = kvadmin::kGroupMapPath;
 
 void put(const std::string& path, const Bytes& bytes) {
     kvtest::write_file(path, std::string(bytes.begin(), bytes.end()));
@@ -114,7 +114,7 @@ TEST(GroupMapShow, ErrorsAreHeardAgainAfterTheReaderRan) {
     put(kMap, example());
     const ChildResult result = kvtest::run_child([] {
         const char* words[] = {"kavrinctl", "groupmap", "show", "anna"};
-        const int code = kavrinctl::run(4, words);
+        const int code = kvadmin::run(4, words);
         std::fputs("still here\n", stderr);
         return code;
     });

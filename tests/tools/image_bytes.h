@@ -55,9 +55,9 @@ inline Image example_image() {
     return build_image(kExampleSize, kExampleData);
 }
 
-inline std::string all_lines(const kavrinctl::ImageReport& report) {
+inline std::string all_lines(const kvadmin::ImageReport& report) {
     std::string text;
-    for (const auto& finding : report.findings) text += kavrinctl::line_for(finding) + "\n";
+    for (const auto& finding : report.findings) text += kvadmin::line_for(finding) + "\n";
     return text;
 }
 

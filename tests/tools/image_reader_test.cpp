@@ -8,7 +8,7 @@
 
 #include "image_bytes.h"
 
-using namespace kavrinctl;
+using namespace kvadmin;
 using namespace kvtest;
 
 namespace {

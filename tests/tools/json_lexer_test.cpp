@@ -17,12 +17,12 @@
 namespace {
 
 using namespace std::string_literals;
-using kavrinctl::ByteSource;
-using kavrinctl::JsonLexer;
-using kavrinctl::Place;
-using kavrinctl::StringFlaw;
-using kavrinctl::Token;
-using kavrinctl::TokenKind;
+using kvadmin::ByteSource;
+using kvadmin::JsonLexer;
+using kvadmin::Place;
+using kvadmin::StringFlaw;
+using kvadmin::Token;
+using kvadmin::TokenKind;
 
 struct Seen {
     TokenKind kind;
@@ -32,7 +32,7 @@ struct Seen {
 };
 
 void PrintTo(const Seen& seen, std::ostream* out) {
-    *out << kavrinctl::name_of(seen.kind) << " at " << seen.line << ':' << seen.column << " byte "
+    *out << kvadmin::name_of(seen.kind) << " at " << seen.line << ':' << seen.column << " byte "
          << seen.byte << " \"" << seen.text << '"';
 }
 

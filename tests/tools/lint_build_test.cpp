@@ -18,8 +18,8 @@
 
 namespace {
 
-using kavrinctl::lint_texts;
-using kavrinctl::LintReport;
+using kvadmin::lint_texts;
+using kvadmin::LintReport;
 using kvtest::Node;
 using kvtest::Pair;
 using Random = std::mt19937;
@@ -214,7 +214,7 @@ TEST(LintAgainstTheBuilder, HonestPairsAreCleanAndBuild) {
             pair.size_json = decorated(random, pair.size_json);
         }
         const LintReport report = lint_texts(pair.size_json, pair.data_json);
-        for (const kavrinctl::Finding& finding : report.findings)
+        for (const kvadmin::Finding& finding : report.findings)
             ADD_FAILURE() << seed << ": " << describe(report, finding);
         ASSERT_EQ(build_failure(pair, report), "") << seed << '\n' << pair.data_json;
     }

@@ -14,11 +14,11 @@
 
 namespace {
 
-using kavrinctl::Finding;
-using kavrinctl::lint_pair;
-using kavrinctl::lint_texts;
-using kavrinctl::LintReport;
-using kavrinctl::PairFile;
+using kvadmin::Finding;
+using kvadmin::lint_pair;
+using kvadmin::lint_texts;
+using kvadmin::LintReport;
+using kvadmin::PairFile;
 using Lines = std::vector<std::string>;
 
 Lines found(const LintReport& report, PairFile file) {
@@ -53,7 +53,7 @@ TEST(LintReports, KeepTheFirstOfEachSeverityAndCountAll) {
         "[{\"NUMCHILDREN\":1},{\"DIR\":\"/\",\"ACL\":[{\"NUMUSERS\":500},"
         "{\"NUMGROUPS\":0},{\"USERS\":{" +
         users + "}},{\"GROUPS\":{}}],\"CHILDREN\":[{\"NUMCHILDREN\":0}]}]";
-    kavrinctl::LintOptions options;
+    kvadmin::LintOptions options;
     options.kept_findings = 10;
     const LintReport report = lint_texts("{}", data, options);
     EXPECT_EQ(report.violations, 250u + 3u);
@@ -126,7 +126,7 @@ protected:
 
 TEST_F(LintFiles, AGoodPairIsClean) {
     std::uint64_t seen = 0;
-    kavrinctl::LintOptions options;
+    kvadmin::LintOptions options;
     options.on_progress = [&](std::uint64_t bytes) { seen = bytes; };
     const LintReport report = lint_pair(size_, data_, options);
     EXPECT_TRUE(report.clean());
@@ -228,7 +228,7 @@ TEST_F(LintFiles, OnlyCountsAreFixable) {
     kvtest::write_file(data_, "[{\"NUMCHILDREN\":1}]");
     EXPECT_FALSE(fixable("{}"));
     const LintReport report = lint_pair(size_, data_);
-    EXPECT_THROW(write_fixed_size_file(report), kavrinctl::CommandError);
+    EXPECT_THROW(write_fixed_size_file(report), kvadmin::CommandError);
     EXPECT_EQ(kvtest::read_file(size_), "{}");
 }
 
@@ -241,7 +241,7 @@ protected:
                                               data_.c_str()};
         for (const std::string& option : options) arguments.push_back(option.c_str());
         return kvtest::run_child(
-            [&] { return kavrinctl::run(static_cast<int>(arguments.size()), arguments.data()); });
+            [&] { return kvadmin::run(static_cast<int>(arguments.size()), arguments.data()); });
     }
 };
 

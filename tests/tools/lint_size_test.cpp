@@ -10,11 +10,11 @@
 namespace {
 
 using namespace std::string_literals;
-using kavrinctl::Finding;
-using kavrinctl::lint_texts;
-using kavrinctl::LintReport;
-using kavrinctl::PairFile;
-using kavrinctl::Severity;
+using kvadmin::Finding;
+using kvadmin::lint_texts;
+using kvadmin::LintReport;
+using kvadmin::PairFile;
+using kvadmin::Severity;
 using Lines = std::vector<std::string>;
 
 Lines found(const LintReport& report, PairFile file) {
@@ -241,7 +241,7 @@ TEST(LintSize, ValuesOfTheWrongKindAreViolations) {
 }
 
 TEST(LintSize, AnImageBeyondTheLimitIsAViolationOfTheDataFile) {
-    kavrinctl::LintOptions options;
+    kvadmin::LintOptions options;
     EXPECT_EQ(options.largest_image, 0x7FFFF000u);
     options.largest_image = 581;
     EXPECT_TRUE(lint_texts(kvtest::kExampleSize, kvtest::kExampleData, options).clean());

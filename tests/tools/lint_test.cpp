@@ -13,10 +13,10 @@
 namespace {
 
 using namespace std::string_literals;
-using kavrinctl::Finding;
-using kavrinctl::lint_texts;
-using kavrinctl::LintReport;
-using kavrinctl::PairFile;
+using kvadmin::Finding;
+using kvadmin::lint_texts;
+using kvadmin::LintReport;
+using kvadmin::PairFile;
 using Lines = std::vector<std::string>;
 
 // What lint finds in one of the two files, without the file's name.

@@ -145,7 +145,7 @@ TEST_F(MapBuildSurvival, BuilderThatIsKilledAtAnyMomentLeavesTheNextBuildWorking
             const std::string size = size_path();
             const std::string data = data_path();
             const char* const argv[] = {"kavrinctl", "map", "build", size.c_str(), data.c_str()};
-            _exit(kavrinctl::run(5, argv));
+            _exit(kvadmin::run(5, argv));
         }
         usleep(static_cast<useconds_t>(whole.count() * round / 16));
         kill(builder, SIGKILL);
@@ -227,7 +227,7 @@ TEST_F(MapBuildSurvival, IgnoredSignalStaysIgnored) {
     const ChildResult result = run_child([this] {
         signal(SIGHUP, SIG_IGN);
         return ending_of([this] {
-            kavrinctl::build_map(request([](BuildStep now) {
+            kvadmin::build_map(request([](BuildStep now) {
                 if (now == BuildStep::kBuilt) raise(SIGHUP);
             }));
         });

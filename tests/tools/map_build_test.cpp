@@ -81,7 +81,7 @@ TEST_F(MapBuild, RelativePathsAreUnderstood) {
     const ChildResult result = run_child([this] {
         if (chdir(folder.c_str()) != 0) return 99;
         const char* const argv[] = {"kavrinctl", "map", "build", "size.json", "data.json"};
-        return kavrinctl::run(5, argv);
+        return kvadmin::run(5, argv);
     });
     EXPECT_EQ(result.exit_code, 0) << result.err;
     EXPECT_FALSE(file_exists(size_path()));
@@ -144,8 +144,8 @@ TEST_F(MapBuild, OnlyRootBuilds) {
     const ChildResult result = run_child([this] {
         if (seteuid(2001) != 0) return 99;
         return ending_of([this] {
-            kavrinctl::require_root("map build");
-            kavrinctl::build_map(request());
+            kvadmin::require_root("map build");
+            kvadmin::build_map(request());
         });
     });
     EXPECT_EQ(result.exit_code, kFailure);

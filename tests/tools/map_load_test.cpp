@@ -20,9 +20,8 @@ protected:
         arguments.insert(arguments.end(), more.begin(), more.end());
         return run_tool(arguments);
     }
-    static ChildResult load_observed(const kavrinctl::StepObserver& on_step) {
-        return run_child(
-            [&] { return ending_of([&on_step] { kavrinctl::load_map({}, on_step); }); });
+    static ChildResult load_observed(const kvadmin::StepObserver& on_step) {
+        return run_child([&] { return ending_of([&on_step] { kvadmin::load_map({}, on_step); }); });
     }
     // What a restart leaves of the System V objects.
     static void restart_machine() {

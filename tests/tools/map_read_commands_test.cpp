@@ -364,7 +364,7 @@ TEST_F(LiveMap, InfoTellsTheSegmentAndItsReaders) {
     const ChildResult run = run_child([&] {
         put_perm_map_addr(reader);  // the child's share of it
         const char* words[] = {"kavrinctl", "map", "info", "--json"};
-        return kavrinctl::run(4, words);
+        return kvadmin::run(4, words);
     });
     const auto document = nlohmann::json::parse(run.out);
     EXPECT_EQ(document["live"], true);
@@ -394,7 +394,7 @@ TEST_F(LiveMap, OthersThanRootAreRefused) {
     const ChildResult run = run_child([] {
         become_user(1001, 1001, {});
         const char* words[] = {"kavrinctl", "map", "verify"};
-        return kavrinctl::run(3, words);
+        return kvadmin::run(3, words);
     });
     EXPECT_EQ(run.exit_code, kFailure);
     EXPECT_TRUE(contains(run.err, "run it as root (you are uid 1001)")) << run.err;

@@ -9,10 +9,10 @@
 
 namespace {
 
-using kavrinctl::ElementKind;
-using kavrinctl::FoldedAce;
-using kavrinctl::FoldedAcl;
-using kavrinctl::PosixEntries;
+using kvadmin::ElementKind;
+using kvadmin::FoldedAce;
+using kvadmin::FoldedAcl;
+using kvadmin::PosixEntries;
 using Aces = std::vector<FoldedAce>;
 
 PosixEntries of_text(const char* text, mode_t mode = S_IFDIR | 0770, std::uint32_t owner = 1000,
@@ -21,7 +21,7 @@ PosixEntries of_text(const char* text, mode_t mode = S_IFDIR | 0770, std::uint32
                                                                             acl_free);
     EXPECT_NE(acl, nullptr) << text;
     PosixEntries entries;
-    EXPECT_TRUE(kavrinctl::entries_of_acl({owner, group, mode}, acl.get(), entries)) << text;
+    EXPECT_TRUE(kvadmin::entries_of_acl({owner, group, mode}, acl.get(), entries)) << text;
     return entries;
 }
 
@@ -59,13 +59,13 @@ TEST(PosixFold, NoMaskOpensContentsThatTheTripleKeepsShut) {
 }
 
 TEST(PosixFold, ModeGivesOwnerAndOwningGroup) {
-    const FoldedAcl acl = folder(kavrinctl::entries_of_mode({1000, 2000, S_IFDIR | 0750}));
+    const FoldedAcl acl = folder(kvadmin::entries_of_mode({1000, 2000, S_IFDIR | 0750}));
     EXPECT_EQ(acl.users, (Aces{{1000, 7}}));
     EXPECT_EQ(acl.groups, (Aces{{2000, 1}}));
 }
 
 TEST(PosixFold, OthersHaveNoEntry) {
-    const FoldedAcl acl = folder(kavrinctl::entries_of_mode({1000, 2000, S_IFDIR | 0007}));
+    const FoldedAcl acl = folder(kvadmin::entries_of_mode({1000, 2000, S_IFDIR | 0007}));
     EXPECT_EQ(acl.users, (Aces{{1000, 0}}));
     EXPECT_EQ(acl.groups, (Aces{{2000, 0}}));
 }

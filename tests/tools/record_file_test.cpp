@@ -13,8 +13,8 @@
 
 namespace {
 
-using kavrinctl::RecordDamage;
-using kavrinctl::RecordWalk;
+using kvadmin::RecordDamage;
+using kvadmin::RecordWalk;
 using Kind = RecordDamage::Kind;
 
 struct Reading {
@@ -22,16 +22,16 @@ struct Reading {
     RecordWalk walk;
 };
 
-kavrinctl::Descriptor file_of(const std::string& bytes) {
-    kavrinctl::Descriptor file(memfd_create("records", MFD_CLOEXEC));
+kvadmin::Descriptor file_of(const std::string& bytes) {
+    kvadmin::Descriptor file(memfd_create("records", MFD_CLOEXEC));
     EXPECT_EQ(write(file.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     return file;
 }
 
 Reading read_events(const std::string& bytes, std::uint64_t from = 0) {
-    const kavrinctl::Descriptor file = file_of(bytes);
+    const kvadmin::Descriptor file = file_of(bytes);
     Reading reading;
-    reading.walk = kavrinctl::walk_records<VFSEvent>(
+    reading.walk = kvadmin::walk_records<VFSEvent>(
         file.get(), from, [&](const VFSEvent& event) { reading.paths.push_back(event.path); });
     EXPECT_EQ(reading.walk.records, reading.paths.size());
     return reading;
@@ -126,10 +126,9 @@ TEST_F(RecordFile, RefusesSizesBeyondTheFile) {
 }
 
 TEST_F(RecordFile, RefusesARecordLargerThanAnyEventWithoutFetchingIt) {
-    const kavrinctl::Descriptor file =
-        file_of(kvtest::raw_frame(0xfffffff0U, STAGING_DATA_SIG, ""));
+    const kvadmin::Descriptor file = file_of(kvtest::raw_frame(0xfffffff0U, STAGING_DATA_SIG, ""));
     ASSERT_EQ(ftruncate(file.get(), off_t{1} << 33), 0);
-    kavrinctl::RecordReader reader(file.get());
+    kvadmin::RecordReader reader(file.get());
     EXPECT_FALSE(reader.next());
     ASSERT_TRUE(reader.damage());
     EXPECT_EQ(reader.damage()->kind, Kind::kSize);
@@ -139,7 +138,7 @@ TEST_F(RecordFile, RefusesARecordLargerThanAnyEventWithoutFetchingIt) {
 
 TEST_F(RecordFile, TakesTheLargestRecord) {
     kvtest::EventFields fields;
-    fields.path = std::string(kavrinctl::kLargestPayload - 100, 'p');
+    fields.path = std::string(kvadmin::kLargestPayload - 100, 'p');
     const Reading reading = read_events(one_ + kvtest::frame(fields) + one_);
     EXPECT_TRUE(reading.walk.whole());
     ASSERT_EQ(reading.paths.size(), 3u);
@@ -150,10 +149,10 @@ TEST_F(RecordFile, SaysThatAPayloadIsNoEvent) {
     const std::string other = kvtest::frame(kvtest::AuditFields{});
     expect_damage(read_events(one_ + other), Kind::kPayload, one_.size(),
                   "its payload is no VFSEvent");
-    const kavrinctl::Descriptor file = file_of(other + one_);
+    const kvadmin::Descriptor file = file_of(other + one_);
     int audits = 0;
     const RecordWalk walk =
-        kavrinctl::walk_records<AuditEvent>(file.get(), 0, [&](const AuditEvent&) { ++audits; });
+        kvadmin::walk_records<AuditEvent>(file.get(), 0, [&](const AuditEvent&) { ++audits; });
     EXPECT_EQ(audits, 1);
     ASSERT_TRUE(walk.damage);
     EXPECT_EQ(walk.damage->offset, other.size());
@@ -191,8 +190,8 @@ TEST_F(RecordFile, NoFlippedBitGivesMoreThanTheRecordsBeforeIt) {
 }
 
 TEST_F(RecordFile, TellsAFailedReadFromDamage) {
-    const kavrinctl::Descriptor folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    kavrinctl::RecordReader reader(folder.get());
+    const kvadmin::Descriptor folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    kvadmin::RecordReader reader(folder.get());
     if (const auto payload = reader.next()) FAIL() << "a folder has no records";
     EXPECT_FALSE(reader.damage());
     EXPECT_EQ(reader.error(), EISDIR);
@@ -211,7 +210,7 @@ TEST_F(RecordFile, ReadsALargeFileInLittleMemory) {
         return bytes;
     }();
     const std::string path = kvtest::make_temp_dir() + "/large";
-    const kavrinctl::Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    const kvadmin::Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_TRUE(file.valid());
     for (int i = 0; i < 256; ++i)
         ASSERT_EQ(write(file.get(), piece.data(), piece.size()),
@@ -220,7 +219,7 @@ TEST_F(RecordFile, ReadsALargeFileInLittleMemory) {
     getrusage(RUSAGE_SELF, &before);
     std::uint64_t records = 0;
     const RecordWalk walk =
-        kavrinctl::walk_records<VFSEvent>(file.get(), 0, [&](const VFSEvent&) { ++records; });
+        kvadmin::walk_records<VFSEvent>(file.get(), 0, [&](const VFSEvent&) { ++records; });
     rusage after{};
     getrusage(RUSAGE_SELF, &after);
     EXPECT_TRUE(walk.whole());

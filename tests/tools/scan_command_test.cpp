@@ -60,7 +60,7 @@ ChildResult run_as_user(const std::vector<std::string>& arguments) {
         if (setresgid(1234, 1234, 1234) != 0 || setresuid(1234, 1234, 1234) != 0) return 99;
         std::vector<const char*> words{"kavrinctl"};
         for (const std::string& argument : arguments) words.push_back(argument.c_str());
-        return kavrinctl::run(static_cast<int>(words.size()), words.data());
+        return kvadmin::run(static_cast<int>(words.size()), words.data());
     });
 }
 
@@ -218,7 +218,7 @@ TEST_F(ScanCommandTest, InterruptLeavesNothing) {
         });
         const std::vector<const char*> words = {
             "kavrinctl", "map", "scan", tree_.c_str(), "-o", size_.c_str(), data_.c_str()};
-        const int code = kavrinctl::run(static_cast<int>(words.size()), words.data());
+        const int code = kvadmin::run(static_cast<int>(words.size()), words.data());
         interrupt.join();
         return code;
     });
@@ -267,7 +267,7 @@ TEST_F(ScanCommandTest, TreeMayBeDeeperThanTheUsualDescriptorLimit) {
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 99;
         const std::vector<const char*> words = {
             "kavrinctl", "map", "scan", tree_.c_str(), "-o", size_.c_str(), data_.c_str()};
-        return kavrinctl::run(static_cast<int>(words.size()), words.data());
+        return kvadmin::run(static_cast<int>(words.size()), words.data());
     });
     EXPECT_EQ(result.exit_code, 0) << result.err;
     EXPECT_EQ(size_file()["TOTALFSELEMS"], 303);
@@ -285,7 +285,7 @@ TEST_F(ScanCommandTest, RemarksNameWhatIsLeftOut) {
                               "kavrinctl: left out 1 elements whose names no map can hold\n"),
               0u)
         << result.err;
-    EXPECT_TRUE(kavrinctl::is_utf8(result.err));
+    EXPECT_TRUE(kvadmin::is_utf8(result.err));
 }
 
 TEST_F(ScanCommandTest, RemarksThatNothingIsShared) {
@@ -335,15 +335,15 @@ TEST(Utf8, KnowsWellFormedText) {
     for (const char* text :
          {"", "a", "\x7f", "\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
           "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"})
-        EXPECT_TRUE(kavrinctl::is_utf8(text)) << text;
+        EXPECT_TRUE(kvadmin::is_utf8(text)) << text;
     for (const char* text :
          {"\x80", "\xbf", "\xc0\x80", "\xc1\xbf", "\xc2", "\xc2g", "\xe0\x9f\xbf", "\xe1\x80",
           "\xed\xa0\x80", "\xed\xbf\xbf", "\xf0\x8f\xbf\xbf", "\xf1\x80\x80", "\xf4\x90\x80\x80",
           "\xf5\x80\x80\x80", "\xff"})
-        EXPECT_FALSE(kavrinctl::is_utf8(text)) << text;
+        EXPECT_FALSE(kvadmin::is_utf8(text)) << text;
 }
 
 TEST(Utf8, PrintableEscapesWhatATerminalObeys) {
-    EXPECT_EQ(kavrinctl::printable("a\x1b[2J\xc3\xa4\xff\x7f\xc2\x9b"),
+    EXPECT_EQ(kvadmin::printable("a\x1b[2J\xc3\xa4\xff\x7f\xc2\x9b"),
               "a\\x1b[2J\xc3\xa4\\xff\\x7f\\xc2\\x9b");
 }

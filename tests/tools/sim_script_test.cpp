@@ -9,11 +9,11 @@
 
 namespace {
 
-using kavrinctl::parse_sim_script;
-using kavrinctl::SimKind;
-using kavrinctl::SimLimits;
-using kavrinctl::SimScript;
-using kavrinctl::SimStatement;
+using kvadmin::parse_sim_script;
+using kvadmin::SimKind;
+using kvadmin::SimLimits;
+using kvadmin::SimScript;
+using kvadmin::SimStatement;
 
 constexpr const char* kEverything = R"(# every statement once
 share /srv/team

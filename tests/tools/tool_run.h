@@ -14,7 +14,7 @@ inline ChildResult run_tool(const std::vector<std::string>& arguments) {
     return run_child([&] {
         std::vector<const char*> words{"kavrinctl"};
         for (const std::string& argument : arguments) words.push_back(argument.c_str());
-        return kavrinctl::run(static_cast<int>(words.size()), words.data());
+        return kvadmin::run(static_cast<int>(words.size()), words.data());
     });
 }
 

@@ -49,10 +49,10 @@ protected:
     // Scans the tree, builds the image and reads it back.
     void scan(std::function<void(std::uint64_t)> progress = [](std::uint64_t) {}) {
         const std::string pair = make_temp_dir();
-        kavrinctl::PendingFile size_file(pair + "/size.json");
-        kavrinctl::PendingFile data_file(pair + "/data.json");
-        kavrinctl::DataWriter writer(data_file);
-        kavrinctl::ScanRequest request;
+        kvadmin::PendingFile size_file(pair + "/size.json");
+        kvadmin::PendingFile data_file(pair + "/data.json");
+        kvadmin::DataWriter writer(data_file);
+        kvadmin::ScanRequest request;
         request.folder = root_;
         request.progress = std::move(progress);
         request.report = [this](std::string_view line) { reports_.emplace_back(line); };
@@ -82,8 +82,8 @@ protected:
 
     ConfigTable table_;
     std::string root_ = make_temp_dir();
-    kavrinctl::ScanResult result_;
-    kavrinctl::PairCounts counts_;
+    kvadmin::ScanResult result_;
+    kvadmin::PairCounts counts_;
     std::vector<std::string> reports_;
     std::string size_json_;
     std::string data_json_;

@@ -11,10 +11,10 @@
 
 #include "tree_scan_fixture.h"
 
-using kavrinctl::DataWriter;
-using kavrinctl::PendingFile;
-using kavrinctl::ScanRequest;
-using kavrinctl::ScanResult;
+using kvadmin::DataWriter;
+using kvadmin::PendingFile;
+using kvadmin::ScanRequest;
+using kvadmin::ScanResult;
 using kvtest::TreeScanTest;
 
 TEST_F(TreeScanTest, WhatVanishesAfterListingStaysEmptyAsListed) {

@@ -148,8 +148,8 @@ TEST_F(TreeScanTest, NamesThatAreNoUtf8AreLeftOutAndNamed) {
 }
 
 TEST(NameProblem, KnowsTheLengthThatAnImageCounts) {
-    EXPECT_EQ(kavrinctl::name_problem(std::string(65535, 'x')), nullptr);
-    EXPECT_STREQ(kavrinctl::name_problem(std::string(65536, 'x')), "is longer than 65,535 bytes");
+    EXPECT_EQ(kvadmin::name_problem(std::string(65535, 'x')), nullptr);
+    EXPECT_STREQ(kvadmin::name_problem(std::string(65536, 'x')), "is longer than 65,535 bytes");
 }
 
 TEST_F(TreeScanTest, NamesThatDifferOnlyByLetterCaseAreReported) {
