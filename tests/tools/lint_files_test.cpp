@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "command.h"
-#include "lint.h"
+#include "lint_fix.h"
 #include "support.h"
 
 namespace {
