@@ -26,8 +26,10 @@ enum class BuildStep {
     kFilled,         // child: the load is over, persisted file written
     kBuilt,          // the child has ended well
     kVerified,       // the image was walked and is what was asked for
+    kKept,           // it lies among the kept maps
     kSwapped,        // readers use it
     kInitialised,    // maps are marked available
+    kMarked,         // connections will ask again
     kCopyRemoved,    // the persisted map is the new one for good
     kSourcesRemoved  // the pair is gone
 };

@@ -28,6 +28,9 @@ const ConfigKey* find_config_key(std::string_view name);
 // The known name that needs the fewest changes to become `name`, letter case aside.
 std::string_view nearest_config_key(std::string_view name);
 
+// Changes, insertions and deletions that make one text the other, letter case aside.
+std::size_t distance(std::string_view from, std::string_view to);
+
 // "integer", "text", "boolean".
 std::string_view type_name(e_param_val_type_t type);
 

@@ -1,13 +1,12 @@
 // See failure.h.
 #include "failure.h"
 
-#include <errno.h>
 #include <unistd.h>
 
 namespace kvadmin {
 
 void note(std::string_view message) {
-    fmt::print(stderr, "{}: {}\n", program_invocation_short_name, message);
+    fmt::print(stderr, "{}: {}\n", program_name, message);
 }
 
 void require_root(std::string_view who) {

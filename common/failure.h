@@ -30,6 +30,9 @@ template <typename... Args>
     throw CommandError{code, fmt::format(format, std::forward<Args>(args)...)};
 }
 
+// What messages begin with: the program's name.
+inline const char* program_name = "kavrinctl";
+
 // A warning or remark on standard error, prefixed with the program's name like an error.
 void note(std::string_view message);
 

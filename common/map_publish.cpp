@@ -1,333 +1,306 @@
 // See map_publish.h.
 #include "map_publish.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/sem.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <optional>
-#include <span>
-#include <thread>
+#include <ctime>
+#include <utility>
 
 #include "failure.h"
-#include "image_check.h"
 #include "kavrin.h"
+#include "map_tables.h"
+#include "map_verify.h"
 #include "persisted_copy.h"
 #include "source_pair.h"
+#include "whole_file.h"
 
 namespace kvadmin {
 namespace {
 
-constexpr char kFolder[] = "/etc/kavrin";
-constexpr int kMapSemaphoreProject = 7065;
+using Clock = std::chrono::steady_clock;
 
-// Held by this process and by its child until both are gone.
-class BuildLock {
-public:
-    BuildLock() : folder_(open(kFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-        if (!folder_.valid())
-            fail(Exit::kFailure, "cannot open {}: {}; it is where the persisted map lies", kFolder,
-                 std::strerror(errno));
-        if (flock(folder_.get(), LOCK_EX | LOCK_NB) == 0) return;
-        if (errno == EWOULDBLOCK)
-            fail(Exit::kFailure,
-                 "another build or load is running (it holds the lock on {}); try again when it "
-                 "has ended",
-                 kFolder);
-        fail(Exit::kFailure, "cannot lock {}: {}", kFolder, std::strerror(errno));
-    }
-
-private:
-    Descriptor folder_;
-};
-
-// Opens the semaphore set, making it when there is none, without ever resetting a live one. The
-// library ends the process on values that cannot be, so they are looked at first.
-int open_current_table() {
-    if (init_perm_map_semaphore() != 0)
-        fail(Exit::kFailure, "cannot open the map's semaphore set: {}", std::strerror(errno));
-    const int set = semget(ftok("/dev/null", kMapSemaphoreProject), 0, 0);
-    for (const int number : {0, 1}) {
-        const int value = set < 0 ? -1 : semctl(set, number, GETVAL);
-        if (value == 0 || value == 1) continue;
-        fail(Exit::kFailure,
-             "semaphore {} of the map's set {} is {} where 0 or 1 belongs; remove the set with "
-             "'ipcrm -s {}' and build again",
-             number, set, value, set);
-    }
-    return get_current_perm_table_index_for_fill();
-}
-
-void remove_segment(int id) {
-    if (shmctl(id, IPC_RMID, nullptr) != 0)
-        note(fmt::format("cannot remove shared-memory segment {}: {}", id, std::strerror(errno)));
-}
-
-// Keeps the old segment in being for a moment after readers were switched over. A reader that has
-// found it but not attached it yet would otherwise meet a segment that is gone and go without a
-// map; so it attaches, sees that it came too late, and takes the new one.
-class LateReaders {
-public:
-    explicit LateReaders(key_t old_key) {
-        const int old = shmget(old_key, 0, 0);
-        if (old >= 0) old_ = shmat(old, nullptr, SHM_RDONLY);
-    }
-    ~LateReaders() {
-        if (old_ == kNothing) return;
-        std::this_thread::sleep_until(since_ + kGrace);
-        shmdt(old_);
-    }
-    LateReaders(const LateReaders&) = delete;
-    LateReaders& operator=(const LateReaders&) = delete;
-
-private:
-    static constexpr std::chrono::milliseconds kGrace{100};
-    static inline void* const kNothing = reinterpret_cast<void*>(-1);
-    std::chrono::steady_clock::time_point since_ = std::chrono::steady_clock::now();
-    void* old_ = kNothing;
-};
-
-// The place of the new segment: clear when made, clear again unless publish() was reached. Under
-// the lock whatever lies there is nobody's, so the key alone tells what to remove, also when the
-// child was killed before it could name its segment.
-class NextTable {
-public:
-    NextTable(int current, std::vector<std::string>& remarks)
-        : current_(current), key_(get_next_perm_table_key(current)) {
-        const int stale = segment();
-        if (stale < 0) return;
-        remove_segment(stale);
-        if (segment() >= 0)
-            fail(Exit::kFailure, "shared-memory segment {} is in the way and stays; see 'ipcs -m'",
-                 stale);
-        remarks.push_back(fmt::format(
-            "removed shared-memory segment {} (key 0x{:x}), left by an interrupted build", stale,
-            static_cast<std::uint32_t>(key_)));
-    }
-    ~NextTable() {
-        if (!published_ && segment() >= 0) remove_segment(segment());
-    }
-    NextTable(const NextTable&) = delete;
-    NextTable& operator=(const NextTable&) = delete;
-
-    key_t key() const { return key_; }
-    int segment() const { return shmget(key_, 0, 0); }
-    int table() const { return 1 - current_; }
-
-    // Switches readers over. The switch removes the old segment unless maps were never marked
-    // available, which is so when an earlier build was killed between the switch and the mark.
-    void publish(std::vector<std::string>& remarks) {
-        late_readers_.emplace(get_next_perm_table_key(table()));
-        swap_maps(current_);
-        published_ = get_current_perm_table_index_for_fill() == table();
-        if (!published_)
-            fail(Exit::kFailure, "cannot switch readers to the new map: {}", std::strerror(errno));
-        const int old = shmget(get_next_perm_table_key(table()), 0, 0);
-        if (old < 0) return;
-        remove_segment(old);
-        remarks.push_back(fmt::format("removed shared-memory segment {} of the old map", old));
-    }
-
-private:
-    int current_;
-    key_t key_;
-    bool published_ = false;
-    std::optional<LateReaders> late_readers_;
-};
-
-// The new segment's bytes, read only.
-class AttachedSegment {
-public:
-    explicit AttachedSegment(int id) {
-        shmid_ds status{};
-        if (id < 0 || shmctl(id, IPC_STAT, &status) != 0)
-            fail(Exit::kFailure, "the new segment is gone: {}", std::strerror(errno));
-        void* memory = shmat(id, nullptr, SHM_RDONLY);
-        if (memory == reinterpret_cast<void*>(-1))
-            fail(Exit::kFailure, "cannot attach the new segment: {}", std::strerror(errno));
-        bytes_ = {static_cast<const std::uint8_t*>(memory), status.shm_segsz};
-    }
-    ~AttachedSegment() { shmdt(bytes_.data()); }
-    AttachedSegment(const AttachedSegment&) = delete;
-    AttachedSegment& operator=(const AttachedSegment&) = delete;
-    std::span<const std::uint8_t> bytes() const { return bytes_; }
-
-private:
-    std::span<const std::uint8_t> bytes_;
-};
-
-kavrin_be_header_t header_of(std::span<const std::uint8_t> image) {
-    kavrin_be_header_t header{};
-    if (image.size() >= sizeof header) std::memcpy(&header, image.data(), sizeof header);
-    return header;
-}
-
-std::string text_field(const char* field, std::size_t size) {
-    return {field, strnlen(field, size)};
-}
-
-// Why an image is not one that may be published; empty when it is.
-std::string what_is_wrong(std::span<const std::uint8_t> image) {
-    const ImageReport report = check_image(image);
-    if (report.sound()) return {};
-    return fmt::format("{}{}", report.first_line(),
-                       report.findings_total > 1
-                           ? fmt::format(" (and {} more)", report.findings_total - 1)
-                           : std::string());
-}
-
-void compare_with_persisted(std::span<const std::uint8_t> image) {
-    const MappedFile persisted(persisted_map_path());
-    if (persisted.bytes().size() == image.size() &&
-        std::memcmp(persisted.bytes().data(), image.data(), image.size()) == 0)
-        return;
-    fail(Exit::kFailure, "{} is not the image that was built; nothing was published",
-         persisted_map_path());
-}
-
-// The load's own result says little: a document cut short still succeeds. So the image itself is
-// asked.
-void verify_built(std::span<const std::uint8_t> image, const LintReport& pair,
-                  const ChildOutput& output) {
-    const auto refuse = [&output](const std::string& what) {
-        fail(Exit::kFailure, "the built image is not what was checked: {}{}; nothing was published",
-             what, output.error_text.empty() ? "" : "; " + last_words(output.error_text));
-    };
-    if (image.size() != pair.image_size)
-        refuse(fmt::format("{} bytes instead of {}", image.size(), pair.image_size));
-    const std::string wrong = what_is_wrong(image);
-    if (!wrong.empty()) refuse(wrong);
-    const kavrin_be_header_t header = header_of(image);
-    if (header.total_fselems != pair.counts.elements || header.total_aces != pair.counts.aces)
-        refuse(fmt::format("{} elements and {} ACEs instead of {} and {}", header.total_fselems,
-                           header.total_aces, pair.counts.elements, pair.counts.aces));
-    if (header.generationnum != pair.identity.generation)
-        refuse(fmt::format("generation {} instead of {}", header.generationnum,
-                           pair.identity.generation));
-    compare_with_persisted(image);
-}
-
-PublishedMap describe_map(const kavrin_be_header_t& header, std::size_t bytes) {
-    PublishedMap map;
-    map.map_name = text_field(header.mapname, sizeof header.mapname);
-    map.version = text_field(header.version, sizeof header.version);
-    map.generation = header.generationnum;
-    map.elements = header.total_fselems;
-    map.aces = header.total_aces;
-    map.bytes = static_cast<std::uint32_t>(bytes);
-    return map;
-}
-
-void observe(const StepObserver& on_step, BuildStep step) {
-    if (on_step) on_step(step);
-}
-
-void remark_all(const std::vector<std::string>& remarks) {
-    for (const std::string& remark : remarks) note(remark);
-}
-
-// Readers switch here; from here on nothing is undone.
-void publish(NextTable& next, PublishedMap& map, const StepObserver& on_step) {
-    map.table = next.table();
-    map.segment = next.segment();
-    next.publish(map.remarks);
-    observe(on_step, BuildStep::kSwapped);
-    if (map_initialized(1) != 0)
-        map.remarks.push_back("maps could not be marked available; readers do not need the mark");
-    observe(on_step, BuildStep::kInitialised);
+void observe(const PublishOptions& options, BuildStep step) {
+    if (options.on_step) options.on_step(step);
 }
 
 void refuse_when_interrupted(const Interruptions& interruptions) {
     if (interruptions.waiting()) fail(Exit::kFailure, "interrupted; nothing was published");
 }
 
+// What is worth doing and no reason to fail: a map is served without it.
+template <typename Act>
+void attempt(std::vector<std::string>& remarks, Act&& act) {
+    try {
+        act();
+    } catch (const CommandError& error) {
+        remarks.push_back(error.message);
+    }
+}
+
+// Whatever is served is kept. An image that has a record gets no second one, unless it was built
+// anew.
+void keep(PublishedMap& map, Image image, unsigned known_number) {
+    map.record.number = known_number;
+    if (known_number == 0)
+        attempt(map.remarks, [&] { map.record.number = keep_map(map.record, image); });
+}
+
+// Readers switch here; from here on nothing is undone.
+void publish(NextTable& next, PublishedMap& map, const PublishOptions& options) {
+    map.table = next.table();
+    map.segment = next.segment();
+    next.publish(map.remarks);
+    observe(options, BuildStep::kSwapped);
+    if (map_initialized(1) != 0)
+        map.remarks.push_back("maps could not be marked available; readers do not need the mark");
+    observe(options, BuildStep::kInitialised);
+    if (options.announce) attempt(map.remarks, [] { touch_map_marker(); });
+    map.record.published = std::time(nullptr);
+    attempt(map.remarks, [&map] { mark_published(map.record.number); });
+    prune_kept_maps(options.kept, map.record.number);
+    observe(options, BuildStep::kMarked);
+}
+
+void tell(const std::vector<std::string>& remarks) {
+    for (const std::string& remark : remarks) note(remark);
+}
+
+MapRecord known_or_described(Image image) {
+    MapRecord described = describe_image(image);
+    if (const std::optional<MapRecord> known = record_of(described.sha256)) return *known;
+    described.source = persisted_map_path();
+    return described;
+}
+
+// The persisted map becomes the map that readers use. The lock is held.
+PublishedMap load_persisted(const PublishOptions& options, const Interruptions& interruptions,
+                            NextTable& next, std::vector<std::string> remarks) {
+    PublishedMap map;
+    {
+        const MappedFile persisted(persisted_map_path());
+        run_build_child({"", "", next.key(), static_cast<std::uint32_t>(persisted.bytes().size()),
+                         options.limits, options.on_step},
+                        interruptions);
+    }
+    observe(options, BuildStep::kBuilt);
+    map.remarks = std::move(remarks);
+    {
+        const AttachedSegment segment(next.segment());
+        compare_with_persisted(segment.bytes());
+        map.record = known_or_described(segment.bytes());
+        observe(options, BuildStep::kVerified);
+        refuse_when_interrupted(interruptions);
+        keep(map, segment.bytes(), map.record.number);
+    }
+    observe(options, BuildStep::kKept);
+    publish(next, map, options);
+    return map;
+}
+
+// What is wrong with the persisted map; empty when it can be loaded.
+std::string flaw_of_persisted() {
+    const MappedFile persisted(persisted_map_path(), true);
+    if (!persisted.exists()) return fmt::format("there is no {}", persisted_map_path());
+    const std::string wrong = what_is_wrong(persisted.bytes());
+    return wrong.empty() ? wrong : fmt::format("{} is damaged: {}", persisted_map_path(), wrong);
+}
+
+void refuse_damaged(unsigned number, Image image, const std::string& sha256) {
+    if (describe_image(image).sha256 != sha256)
+        fail(Exit::kInvalidInput, "{} is not what was kept: its bytes have changed",
+             kept_image_path(number));
+    const std::string wrong = what_is_wrong(image);
+    if (!wrong.empty())
+        fail(Exit::kInvalidInput, "{} is damaged: {}", kept_image_path(number), wrong);
+}
+
+// The kept map becomes the persisted map; the caller has a copy of what was.
+void persist_kept(unsigned number) {
+    std::optional<MapRecord> wanted;
+    for (const MapRecord& record : kept_maps())
+        if (record.number == number) wanted = record;
+    if (!wanted)
+        fail(Exit::kFailure, "there is no kept map {}; 'kavrinctl map history' lists them", number);
+    const MappedFile image(kept_image_path(number));
+    refuse_damaged(number, image.bytes(), wanted->sha256);
+    write_whole_file(persisted_map_path(), image.bytes(), 0600);
+}
+
 }  // namespace
 
 PublishedMap build_map(const BuildRequest& request) {
-    const BuildLock lock;
-    observe(request.on_step, BuildStep::kLocked);
-    std::vector<std::string> remarks = recover_persisted_map();
+    const Clock::time_point start = Clock::now();
+    const BuildLock lock(request.patience);
+    observe(request, BuildStep::kLocked);
+    PublishedMap map;
+    map.remarks = recover_persisted_map();
     const SourcePair pair(request.size_path, request.data_path);
     const LintReport report = pair.check(request.on_checked_bytes);
-    observe(request.on_step, BuildStep::kChecked);
+    observe(request, BuildStep::kChecked);
     pair.refuse_unless_clean(report);
     if (report.warnings > 0)
-        remarks.push_back(fmt::format("the check has {} warnings; 'kavrinctl map lint' lists them",
-                                      report.warnings));
+        map.remarks.push_back(fmt::format(
+            "the check has {} warnings; 'kavrinctl map lint' lists them", report.warnings));
 
     const Interruptions interruptions;
     const int current = open_current_table();
     PersistedCopy copy;
-    observe(request.on_step, BuildStep::kCopied);
-    NextTable next(current, remarks);
+    observe(request, BuildStep::kCopied);
+    NextTable next(current, map.remarks);
     const PrivateLinks links(pair);
-    observe(request.on_step, BuildStep::kCleared);
+    observe(request, BuildStep::kCleared);
     pair.refuse_if_changed();
     const ChildOutput output = run_build_child({links.size_path(), links.data_path(), next.key(),
                                                 report.image_size, request.limits, request.on_step},
                                                interruptions);
-    observe(request.on_step, BuildStep::kBuilt);
-    PublishedMap map;
+    observe(request, BuildStep::kBuilt);
     {
         const AttachedSegment segment(next.segment());
         verify_built(segment.bytes(), report, output);
-        map = describe_map(header_of(segment.bytes()), segment.bytes().size());
+        pair.refuse_if_changed();
+        flush_persisted_map();
+        observe(request, BuildStep::kVerified);
+        refuse_when_interrupted(interruptions);
+        map.record = describe_image(segment.bytes());
+        map.record.source = request.source.empty() ? pair.real_data_path() : request.source;
+        map.record.built = std::time(nullptr);
+        map.record.built_by = request.built_by;
+        map.record.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        keep(map, segment.bytes(), 0);
     }
-    pair.refuse_if_changed();
-    flush_persisted_map();
-    observe(request.on_step, BuildStep::kVerified);
-    refuse_when_interrupted(interruptions);
+    observe(request, BuildStep::kKept);
 
-    map.remarks = std::move(remarks);
-    publish(next, map, request.on_step);
+    publish(next, map, request);
     if (!copy.drop()) map.remarks.push_back("the copy of the old persisted map is still there");
-    observe(request.on_step, BuildStep::kCopyRemoved);
+    observe(request, BuildStep::kCopyRemoved);
     if (!request.keep) pair.remove(map.remarks);
-    observe(request.on_step, BuildStep::kSourcesRemoved);
-    remark_all(map.remarks);
+    observe(request, BuildStep::kSourcesRemoved);
+    tell(map.remarks);
     return map;
 }
 
-PublishedMap load_map(const BuildLimits& limits, const StepObserver& on_step) {
-    const BuildLock lock;
-    observe(on_step, BuildStep::kLocked);
+PublishedMap load_map(const PublishOptions& options) {
+    const BuildLock lock(options.patience);
+    observe(options, BuildStep::kLocked);
     std::vector<std::string> remarks = recover_persisted_map();
     const MappedFile persisted(persisted_map_path(), true);
     if (!persisted.exists())
         fail(Exit::kFailure, "there is no persisted map ({}); build one with 'kavrinctl map build'",
              persisted_map_path());
-    const std::string wrong = what_is_wrong(persisted.bytes());
-    if (!wrong.empty())
-        fail(Exit::kInvalidInput, "{} is damaged: {}; nothing was loaded", persisted_map_path(),
-             wrong);
-    observe(on_step, BuildStep::kChecked);
+    const std::string flaw = flaw_of_persisted();
+    if (!flaw.empty()) fail(Exit::kInvalidInput, "{}; nothing was loaded", flaw);
+    observe(options, BuildStep::kChecked);
 
     const Interruptions interruptions;
     NextTable next(open_current_table(), remarks);
-    observe(on_step, BuildStep::kCleared);
-    run_build_child(
-        {"", "", next.key(), static_cast<std::uint32_t>(persisted.bytes().size()), limits, on_step},
-        interruptions);
-    observe(on_step, BuildStep::kBuilt);
-    PublishedMap map;
-    {
-        const AttachedSegment segment(next.segment());
-        compare_with_persisted(segment.bytes());
-        map = describe_map(header_of(segment.bytes()), segment.bytes().size());
-    }
-    observe(on_step, BuildStep::kVerified);
-    refuse_when_interrupted(interruptions);
-    map.remarks = std::move(remarks);
-    publish(next, map, on_step);
-    remark_all(map.remarks);
+    observe(options, BuildStep::kCleared);
+    const PublishedMap map = load_persisted(options, interruptions, next, std::move(remarks));
+    tell(map.remarks);
     return map;
+}
+
+PublishedMap restore_map(unsigned number, const PublishOptions& options) {
+    const BuildLock lock(options.patience);
+    observe(options, BuildStep::kLocked);
+    std::vector<std::string> remarks = recover_persisted_map();
+    const Interruptions interruptions;
+    const int current = open_current_table();
+    PersistedCopy copy;
+    observe(options, BuildStep::kCopied);
+    persist_kept(number);
+    observe(options, BuildStep::kChecked);
+    NextTable next(current, remarks);
+    observe(options, BuildStep::kCleared);
+    PublishedMap map = load_persisted(options, interruptions, next, std::move(remarks));
+    if (!copy.drop()) map.remarks.push_back("the copy of the old persisted map is still there");
+    observe(options, BuildStep::kCopyRemoved);
+    tell(map.remarks);
+    return map;
+}
+
+namespace {
+
+// The persisted map is what a reboot brings back, so it is made equal to what is served.
+void persist_live(Image image, std::vector<std::string>& remarks) {
+    const MappedFile persisted(persisted_map_path(), true);
+    if (persisted.exists() && persisted.bytes().size() == image.size() &&
+        std::memcmp(persisted.bytes().data(), image.data(), image.size()) == 0)
+        return;
+    write_whole_file(persisted_map_path(), image, 0600);
+    remarks.push_back(fmt::format("made {} equal to the map that is served", persisted_map_path()));
+}
+
+// The live map goes on being served, if it is one that this service could have made.
+bool adopt(int table, Takeover& result, unsigned kept) {
+    const std::optional<int> id = segment_of_table(table);
+    if (!id) return false;
+    shmid_ds status{};
+    if (shmctl(*id, IPC_STAT, &status) != 0 || status.shm_perm.uid != 0) {
+        result.remarks.push_back(
+            fmt::format("shared-memory segment {} is not root's and is not served", *id));
+        return false;
+    }
+    const AttachedSegment segment(*id);
+    const std::string wrong = what_is_wrong(segment.bytes());
+    if (!wrong.empty()) {
+        result.remarks.push_back(fmt::format("the live map is damaged: {}", wrong));
+        return false;
+    }
+    persist_live(segment.bytes(), result.remarks);
+    const NextTable clear(table, result.remarks);
+    if (map_initialized(1) != 0) result.remarks.push_back("maps could not be marked available");
+    PublishedMap map;
+    map.table = table;
+    map.segment = *id;
+    map.record = known_or_described(segment.bytes());
+    keep(map, segment.bytes(), map.record.number);
+    if (map.record.published == 0)
+        attempt(map.remarks, [&map] { mark_published(map.record.number); });
+    drop_unpublished_maps(map.record.number);
+    prune_kept_maps(kept, map.record.number);
+    result.adopted = true;
+    result.map = std::move(map);
+    return true;
+}
+
+// Puts the newest sound one of the kept maps in the place of a persisted map that cannot be loaded.
+bool fall_back_on_kept(std::vector<std::string>& remarks) {
+    for (const MapRecord& record : kept_maps()) {
+        if (record.published == 0) continue;
+        try {
+            persist_kept(record.number);
+        } catch (const CommandError& error) {
+            remarks.push_back(error.message);
+            continue;
+        }
+        remarks.push_back(fmt::format("took kept map {} instead", record.number));
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+Takeover take_over(const PublishOptions& options) {
+    const BuildLock lock(options.patience);
+    observe(options, BuildStep::kLocked);
+    Takeover result;
+    result.remarks = recover_persisted_map();
+    const int current = repair_current_table(result.remarks);
+    if (adopt(current, result, options.kept)) return result;
+
+    const std::string flaw = flaw_of_persisted();
+    if (!flaw.empty()) {
+        const bool none = !MappedFile(persisted_map_path(), true).exists();
+        if (!none || !kept_maps().empty()) result.remarks.push_back(flaw);
+        if (!fall_back_on_kept(result.remarks)) return result;
+    }
+    drop_unpublished_maps(0);
+    const Interruptions interruptions;
+    NextTable next(current, result.remarks);
+    observe(options, BuildStep::kCleared);
+    result.map = load_persisted(options, interruptions, next, {});
+    return result;
 }
 
 }  // namespace kvadmin

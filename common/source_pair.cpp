@@ -76,7 +76,7 @@ void SourcePair::refuse_unless_clean(const LintReport& report) const {
     if (report.unreadable > 0)
         fail(Exit::kFailure, "{} or {} cannot be read; nothing was built", size_.path, data_.path);
     fail(Exit::kInvalidInput,
-         "{} and {} do not pass the check; nothing was built and both are where they were. "
+         "{} and {} do not pass the check; nothing was built and neither was touched. "
          "'kavrinctl map lint' shows the whole report",
          size_.path, data_.path);
 }

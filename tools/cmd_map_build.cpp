@@ -18,6 +18,7 @@ namespace {
 // was ever seen to need, far less than would hurt a file server.
 constexpr std::uint64_t kSpareMiB = 256;
 constexpr unsigned kDefaultSeconds = 600;
+constexpr const char* kProgram = "kavrinctl";
 
 struct Options {
     std::string size_path;
@@ -39,18 +40,21 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
 }
 
 void print(const PublishedMap& map, double seconds, bool json, std::string_view verb) {
+    const MapRecord& record = map.record;
     if (!json) {
         fmt::print(
             "{} \"{}\", generation {}, as table {}: {} elements, {} ACEs, {} bytes, {:.2f} s\n",
-            verb, printable(map.map_name), map.generation, map.table, map.elements, map.aces,
-            map.bytes, seconds);
+            verb, printable(record.name), record.generation, map.table, record.elements,
+            record.aces, record.bytes, seconds);
         return;
     }
     const nlohmann::ordered_json document{
-        {"map", map.map_name},      {"version", map.version}, {"generation", map.generation},
-        {"elements", map.elements}, {"aces", map.aces},       {"bytes", map.bytes},
-        {"seconds", seconds},       {"table", map.table},     {"segment", map.segment},
-        {"remarks", map.remarks}};
+        {"map", record.name},        {"number", record.number},
+        {"version", record.version}, {"generation", record.generation},
+        {"sha256", record.sha256},   {"elements", record.elements},
+        {"aces", record.aces},       {"bytes", record.bytes},
+        {"seconds", seconds},        {"table", map.table},
+        {"segment", map.segment},    {"remarks", map.remarks}};
     fmt::print("{}\n",
                document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
 }
@@ -62,6 +66,7 @@ Exit build(const Options& options) {
     BuildRequest request;
     request.size_path = options.size_path;
     request.data_path = options.data_path;
+    request.built_by = kProgram;
     request.keep = options.keep;
     const std::uint64_t data_mib = size_in_mib(options.data_path);
     request.limits = {options.memory_mib.value_or(kSpareMiB + 2 * data_mib), options.seconds};
@@ -82,7 +87,10 @@ Exit load(const Options& options) {
     require_root("map load");
     use_library();
     const auto start = std::chrono::steady_clock::now();
-    const PublishedMap map = load_map({options.memory_mib.value_or(kSpareMiB), options.seconds});
+    PublishOptions request;
+    request.limits = {options.memory_mib.value_or(kSpareMiB), options.seconds};
+    request.built_by = kProgram;
+    const PublishedMap map = load_map(request);
     print(map, seconds_since(start), options.json, "loaded");
     return Exit::kDone;
 }

@@ -224,7 +224,10 @@ void SimStage::write_patterns(const std::vector<std::string>& patterns) const {
 
 void SimStage::publish() {
     const SimMap::Pair pair = map_.pair();
-    const BuildRequest request{folder_ + "/size.json", folder_ + "/data.json", false, {}, {}, {}};
+    BuildRequest request;
+    request.size_path = folder_ + "/size.json";
+    request.data_path = folder_ + "/data.json";
+    request.announce = false;  // a script says itself when connections are told
     write_file(request.size_path, pair.size_json);
     write_file(request.data_path, pair.data_json);
     build_map(request);

@@ -35,11 +35,11 @@ inline constexpr int kInvalidInput = static_cast<int>(Exit::kInvalidInput);
 inline constexpr int kUsage = static_cast<int>(Exit::kUsage);
 
 inline constexpr BuildStep kAllSteps[] = {
-    BuildStep::kLocked,        BuildStep::kChecked,     BuildStep::kCopied,
-    BuildStep::kCleared,       BuildStep::kSized,       BuildStep::kCreated,
-    BuildStep::kFilled,        BuildStep::kBuilt,       BuildStep::kVerified,
-    BuildStep::kSwapped,       BuildStep::kInitialised, BuildStep::kCopyRemoved,
-    BuildStep::kSourcesRemoved};
+    BuildStep::kLocked,  BuildStep::kChecked,     BuildStep::kCopied,
+    BuildStep::kCleared, BuildStep::kSized,       BuildStep::kCreated,
+    BuildStep::kFilled,  BuildStep::kBuilt,       BuildStep::kVerified,
+    BuildStep::kKept,    BuildStep::kSwapped,     BuildStep::kInitialised,
+    BuildStep::kMarked,  BuildStep::kCopyRemoved, BuildStep::kSourcesRemoved};
 
 inline constexpr key_t kTableKeys[] = {0x70657269, 0x7065726A};
 inline const std::string kPersisted = "/etc/kavrin/.permbe_map";

@@ -9,9 +9,9 @@ namespace kvtest {
 namespace {
 
 constexpr BuildStep kLoadSteps[] = {
-    BuildStep::kLocked,  BuildStep::kChecked,    BuildStep::kCleared, BuildStep::kSized,
-    BuildStep::kCreated, BuildStep::kFilled,     BuildStep::kBuilt,   BuildStep::kVerified,
-    BuildStep::kSwapped, BuildStep::kInitialised};
+    BuildStep::kLocked,  BuildStep::kChecked, BuildStep::kCleared,     BuildStep::kSized,
+    BuildStep::kCreated, BuildStep::kFilled,  BuildStep::kBuilt,       BuildStep::kVerified,
+    BuildStep::kKept,    BuildStep::kSwapped, BuildStep::kInitialised, BuildStep::kMarked};
 
 class MapLoad : public BuildTest {
 protected:
@@ -20,8 +20,14 @@ protected:
         arguments.insert(arguments.end(), more.begin(), more.end());
         return run_tool(arguments);
     }
+    static kvadmin::PublishOptions options_with(const kvadmin::StepObserver& on_step) {
+        kvadmin::PublishOptions options;
+        options.on_step = on_step;
+        return options;
+    }
     static ChildResult load_observed(const kvadmin::StepObserver& on_step) {
-        return run_child([&] { return ending_of([&on_step] { kvadmin::load_map({}, on_step); }); });
+        return run_child(
+            [&] { return ending_of([&on_step] { kvadmin::load_map(options_with(on_step)); }); });
     }
     // What a restart leaves of the System V objects.
     static void restart_machine() {
