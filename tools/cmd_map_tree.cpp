@@ -1,5 +1,6 @@
-// kavrinctl map tree: the tree of a map with the rights on each element. Elements are walked in the
-// order in which they lie, with a stack of the open folders, so no depth of a tree is too much.
+// kavrinctl map tree: the tree of a map with the rights on each element, everybody's or one user's.
+// Elements are walked in the order in which they lie, with a stack of the open folders, so no depth
+// of a tree is too much.
 #include <fmt/core.h>
 
 #include <algorithm>
@@ -8,12 +9,15 @@
 #include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "command.h"
 #include "explain.h"
 #include "map_query.h"
 #include "map_source.h"
+#include "rights_map.h"
 #include "terminal.h"
+#include "user_options.h"
 #include "utf8.h"
 
 namespace kvadmin {
@@ -28,7 +32,33 @@ struct Options {
     std::string path = "/";
     std::string file;
     std::uint32_t depth = std::numeric_limits<std::uint32_t>::max();
+    UserOptions as;
     bool json = false;
+};
+
+// The rights of the user that the tree is shown for.
+struct UsersRights {
+    UsersRights(const ImageReader& image, const UserOptions& options)
+        : user(user_of(options)),
+          disk(options.root),
+          tree(PermTree::of_image(image)),
+          rights(tree, user.caller, disk) {}
+    UsersRights(const UsersRights&) = delete;
+    UsersRights& operator=(const UsersRights&) = delete;
+
+    static PermTree::Id id(ElementOffset element) {
+        return static_cast<PermTree::Id>(static_cast<std::uint32_t>(element) / kElementSize);
+    }
+    // Nothing for an element that no path leads to.
+    std::optional<Rights> at(ElementOffset element) const {
+        if (!rights.on_a_path(id(element))) return std::nullopt;
+        return rights.at(id(element));
+    }
+
+    User user;
+    ShareOnDisk disk;
+    PermTree tree;
+    RightsMap rights;
 };
 
 // One element on the way.
@@ -117,20 +147,15 @@ std::string entries_text(const std::vector<AclEntry>& entries) {
 // Prints lines or, with --json, one object an element.
 class Printer {
 public:
-    explicit Printer(const ImageReader& image) : image_(image) {}
+    Printer(const ImageReader& image, const UsersRights* rights) : image_(image), rights_(rights) {}
 
     void line(const Visit& visit) {
-        const std::vector<AclEntry> own = own_entries(image_, visit.element);
-        const bool inherited = visit.governing != visit.element;
-        const std::string rights =
-            entries_text(inherited ? own_entries(image_, visit.governing) : own);
         const std::string name = visit.depth == 0 ? image_.path_of(visit.element)
                                                   : std::string(*image_.name_of(visit.element));
-        fmt::print(
-            "{}{}{}  {}\n", indent(visit), printable(name), visit.childless ? " [childless]" : "",
-            coloured(stdout, Colour::kDim,
-                     fmt::format("{} {}, {}{}", own.size(), own.size() == 1 ? "ACE" : "ACEs",
-                                 origin(visit, inherited), rights.empty() ? "" : ": " + rights)));
+        fmt::print("{}{}{}  {}\n", indent(visit), printable(name),
+                   visit.childless ? " [childless]" : "",
+                   coloured(stdout, Colour::kDim,
+                            rights_ != nullptr ? users_text(visit) : acl_text(visit)));
     }
 
     void object(const Visit& visit) {
@@ -141,26 +166,45 @@ public:
                                {"mask", entry.mask},
                                {"rights", mask_words(entry.mask)}});
         }
-        const nlohmann::json element = {{"path", image_.path_of(visit.element)},
-                                        {"offset", static_cast<std::uint32_t>(visit.element)},
-                                        {"depth", visit.depth},
-                                        {"childless", visit.childless},
-                                        {"own_aces", own_entries(image_, visit.element).size()},
-                                        {"inherited", visit.governing != visit.element},
-                                        {"governing", image_.path_of(visit.governing)},
-                                        {"entries", entries}};
+        nlohmann::json element = {{"path", image_.path_of(visit.element)},
+                                  {"offset", static_cast<std::uint32_t>(visit.element)},
+                                  {"depth", visit.depth},
+                                  {"childless", visit.childless},
+                                  {"own_aces", own_entries(image_, visit.element).size()},
+                                  {"inherited", visit.governing != visit.element},
+                                  {"governing", image_.path_of(visit.governing)},
+                                  {"entries", entries}};
+        if (rights_ != nullptr) {
+            const auto rights = rights_->at(visit.element);
+            element["may"] = rights ? nlohmann::json(rights_as_json(*rights)) : nlohmann::json();
+        }
         fmt::print("{}\n  {}", first_ ? "" : ",",
                    element.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
         first_ = false;
     }
 
 private:
+    std::string acl_text(const Visit& visit) const {
+        const std::vector<AclEntry> own = own_entries(image_, visit.element);
+        const bool inherited = visit.governing != visit.element;
+        const std::string rights =
+            entries_text(inherited ? own_entries(image_, visit.governing) : own);
+        return fmt::format("{} {}, {}{}", own.size(), own.size() == 1 ? "ACE" : "ACEs",
+                           origin(visit, inherited), rights.empty() ? "" : ": " + rights);
+    }
+
+    std::string users_text(const Visit& visit) const {
+        const auto rights = rights_->at(visit.element);
+        return rights ? rights_words(*rights) : "no path can hold this name";
+    }
+
     std::string origin(const Visit& visit, bool inherited) const {
         if (inherited) return "inherited from " + printable(image_.path_of(visit.governing));
         return "own";
     }
 
     const ImageReader& image_;
+    const UsersRights* rights_;  // null: everybody's are shown
     bool first_ = true;
 };
 
@@ -172,7 +216,9 @@ Exit show(const Options& options) {
     if (!found.mapped)
         fail(Exit::kFailure, "{} is not in the map; the nearest mapped ancestor is {}",
              printable(found.path), printable(image.path_of(found.element)));
-    Printer printer(image);
+    std::optional<UsersRights> rights;
+    if (!options.as.user.empty()) rights.emplace(image, options.as);
+    Printer printer(image, rights ? &*rights : nullptr);
     TreeWalk walk(image, found.element, options.depth);
     if (options.json) {
         fmt::print("[");
@@ -192,8 +238,13 @@ void register_map_tree(CLI::App& map) {
     const auto options = std::make_shared<Options>();
     command->add_option("path", options->path, "Begin at this path (default: /)");
     command->add_option("--depth", options->depth, "Show so many levels below it (default: all)");
-    command->add_option("--file", options->file,
-                        "Read this map file (default: the live map, as root)");
+    add_map_option(*command, options->file);
+    CLI::Option* as = command->add_option("--as", options->as.user,
+                                          "Show what this user, by name or uid, may do");
+    as->type_name("USER");
+    add_standing_options(*command, options->as);
+    for (const char* option : {"--admin", "--power", "--root"})
+        command->get_option(option)->needs(as);
     add_json_option(*command, options->json);
     on_run(*command, [options] { return show(*options); });
 }
