@@ -10,7 +10,8 @@ namespace {
 Exit chosen_exit = Exit::kDone;
 
 constexpr const char* kFooter =
-    "\nExit codes: 0 done or allowed, 1 failure, 2 denied, 3 input invalid, 64 usage.";
+    "\nExit codes: 0 done or allowed, 1 failure, 2 denied or errors found, 3 input invalid, 64 "
+    "usage.";
 
 void give_footer(CLI::App& app) {
     app.footer(kFooter);
@@ -42,8 +43,15 @@ int run(int argc, const char* const* argv) {
     register_map_info(*map);
     register_map_tree(*map);
     register_map_acl(*map);
+    register_map_diff(*map);
+    register_map_apply(*map);
+    register_status(app);
+    register_doctor(app);
     register_check(app);
+    register_who_can(app);
+    register_access(app);
     register_config(app);
+    register_config_debug_level(*app.get_subcommand("config"));
     register_smb_sim(app);
     CLI::App* groupmap = app.add_subcommand("groupmap", "Make, check and read the group map");
     groupmap->require_subcommand(1);
@@ -56,6 +64,7 @@ int run(int argc, const char* const* argv) {
     register_events_tail(*events);
     register_events_stats(*events);
     register_events_recover(*events);
+    register_events_flush(*events);
     CLI::App* audit = app.add_subcommand("audit", "Read audit files");
     audit->require_subcommand(1);
     register_audit_cat(*audit);

@@ -19,6 +19,9 @@ void on_run(CLI::App& command, std::function<Exit()> body);
 // Adds --json to a command that reads.
 void add_json_option(CLI::App& command, bool& json);
 
+// Adds --socket to a command that asks the service.
+void add_socket_option(CLI::App& command, std::string& socket);
+
 // One function a file; each adds its command to the tree.
 void register_map_scan(CLI::App& map);
 void register_map_lint(CLI::App& map);
@@ -26,7 +29,15 @@ void register_map_build(CLI::App& map);  // build and load
 void register_map_verify(CLI::App& map);
 void register_map_info(CLI::App& map);
 void register_map_tree(CLI::App& map);
+void register_map_apply(CLI::App& map);  // apply, reload, rollback and history
+void register_status(CLI::App& app);
+void register_doctor(CLI::App& app);
+void register_events_flush(CLI::App& events);
+void register_config_debug_level(CLI::App& config);
 void register_map_acl(CLI::App& map);
+void register_map_diff(CLI::App& map);
+void register_who_can(CLI::App& app);
+void register_access(CLI::App& app);
 void register_check(CLI::App& app);
 void register_config(CLI::App& app);
 void register_smb_sim(CLI::App& app);
