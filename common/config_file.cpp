@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <iniparser/iniparser.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include "config_keys.h"
 #include "descriptor.h"
 #include "failure.h"
+#include "kavrin_utils.h"
 #include "utf8.h"
 
 namespace kvadmin {
@@ -107,6 +109,7 @@ std::string flaw_of_text(const ConfigRow& row, std::string_view text) {
     const bool keyword = row.rule == TextRule::kGroupMap && (text == "accounts" || text == "off");
     const bool empty = row.rule == TextRule::kPathOrEmpty && text.empty();
     if (row.rule == TextRule::kAny || keyword || empty) return {};
+    if (text == "/") return "takes a path below /, not / itself";
     if (!text.starts_with('/'))
         return fmt::format("takes {}an absolute path, not '{}'",
                            row.rule == TextRule::kGroupMap ? "'accounts', 'off' or " : "",
@@ -134,8 +137,15 @@ class Places {
 public:
     Places(const std::string& path, std::vector<ConfigProblem>& problems) : problems_(problems) {
         std::ifstream file(path);
-        for (std::string line; std::getline(file, line);) take(++line_, line);
+        for (std::string line; std::getline(file, line);) {
+            const std::size_t before = problems.size();
+            take(++line_, line);
+            if (problems.size() == before) usable_ += line;
+            usable_ += '\n';
+        }
     }
+    // The file without the lines that have problems of their own.
+    const std::string& usable() const { return usable_; }
     unsigned line_of(const std::string& folded) const {
         const auto found = lines_.find(folded);
         return found == lines_.end() ? 0 : found->second;
@@ -179,6 +189,7 @@ private:
     std::vector<ConfigProblem>& problems_;
     std::map<std::string, unsigned> lines_;
     std::string section_;
+    std::string usable_;
     unsigned line_ = 0;
     bool continues_ = false;
 };
@@ -204,6 +215,17 @@ void take_value(ConfigFile& file, const Places& places, const char* key, const c
         file.configuration.values[index] = std::move(read);
     else
         file.problems.push_back({line, fmt::format("'{}' {}", row->name, flaw)});
+}
+
+using Entries = std::unique_ptr<dictionary, void (*)(dictionary*)>;
+
+// The parser takes nothing but a path, and gives up on the first line that is nothing.
+Entries parse(const std::string& text) {
+    const Descriptor file(memfd_create("kavrin.conf", MFD_CLOEXEC));
+    const std::string path = fmt::format("/proc/self/fd/{}", file.get());
+    const bool written = file.valid() && write_all(file.get(), text.data(), text.size()) > 0;
+    iniparser_set_error_callback(be_silent);
+    return Entries(written ? iniparser_load(path.c_str()) : nullptr, iniparser_freedict);
 }
 
 // Errno of the file that cannot be read; 0 for one that can, and for a missing one with `missing`.
@@ -253,6 +275,11 @@ void Configuration::set_number(e_kavrin_global_index_t slot, std::int32_t number
         if (kRows[i].slot == slot) values[i].number = number;
 }
 
+void Configuration::set_text(e_kavrin_global_index_t slot, const std::string& text) {
+    for (std::size_t i = 0; i < kTableRows; ++i)
+        if (kRows[i].slot == slot) values[i].text = text;
+}
+
 void Configuration::write_to(global_param_t* table) const {
     for (std::size_t i = 0; i < kTableRows; ++i) {
         const ConfigKey* key = find_config_key(kRows[i].name);
@@ -275,9 +302,7 @@ ConfigFile read_config_file(const std::string& path) {
     if (missing) return file;
     file.exists = true;
     const Places places(path, file.problems);
-    iniparser_set_error_callback(be_silent);
-    const std::unique_ptr<dictionary, void (*)(dictionary*)> entries(iniparser_load(path.c_str()),
-                                                                     iniparser_freedict);
+    const Entries entries = parse(places.usable() + "\n");
     if (entries == nullptr && file.problems.empty())
         file.problems.push_back({0, "the file cannot be parsed"});
     for (int i = 0; entries != nullptr && i < entries->size; ++i) {

@@ -65,6 +65,7 @@ public:
     const std::string& text(ServiceKey key) const;
 
     void set_number(e_kavrin_global_index_t slot, std::int32_t number);
+    void set_text(e_kavrin_global_index_t slot, const std::string& text);
 
     // Writes all values into a shared table, each number in one store, each text so that a reader
     // in the middle of it finds an end.

@@ -23,6 +23,7 @@ enum class Exit : int {
 struct CommandError {
     Exit code;
     std::string message;
+    bool busy = false;  // somebody else is at it: the same may succeed later
 };
 
 template <typename... Args>

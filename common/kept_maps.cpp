@@ -38,26 +38,8 @@ unsigned number_of(const std::string& name, std::string& rest) {
 std::optional<MapRecord> read_record(unsigned number) {
     std::ifstream file(record_path(number));
     const std::string text{std::istreambuf_iterator<char>(file), {}};
-    const Json json = Json::parse(text, nullptr, false);
-    if (!json.is_object()) return std::nullopt;
-    MapRecord record;
-    try {
-        record.number = number;
-        record.name = json.at("name");
-        record.version = json.at("version");
-        record.generation = json.at("generation");
-        record.sha256 = json.at("sha256");
-        record.source = json.at("source");
-        record.built = json.at("built");
-        record.built_by = json.at("built_by");
-        record.published = json.at("published");
-        record.elements = json.at("elements");
-        record.aces = json.at("aces");
-        record.bytes = json.at("bytes");
-        record.seconds = json.at("seconds");
-    } catch (const nlohmann::json::exception&) {
-        return std::nullopt;
-    }
+    std::optional<MapRecord> record = record_from(Json::parse(text, nullptr, false));
+    if (record) record->number = number;
     return record;
 }
 
@@ -70,8 +52,9 @@ void write_record(const MapRecord& record) {
 std::vector<std::string> names_of_folder() {
     std::vector<std::string> names;
     std::error_code error;
-    for (const fs::directory_entry& entry : fs::directory_iterator(kKeptFolder, error))
-        names.push_back(entry.path().filename());
+    for (fs::directory_iterator entry(kKeptFolder, error), end; !error && entry != end;
+         entry.increment(error))
+        names.push_back(entry->path().filename());
     return names;
 }
 
@@ -94,6 +77,29 @@ Json as_json(const MapRecord& record) {
             {"published", record.published}, {"elements", record.elements},
             {"aces", record.aces},           {"bytes", record.bytes},
             {"seconds", record.seconds}};
+}
+
+std::optional<MapRecord> record_from(const Json& json) {
+    if (!json.is_object()) return std::nullopt;
+    MapRecord record;
+    try {
+        record.number = json.at("number");
+        record.name = json.at("name");
+        record.version = json.at("version");
+        record.generation = json.at("generation");
+        record.sha256 = json.at("sha256");
+        record.source = json.at("source");
+        record.built = json.at("built");
+        record.built_by = json.at("built_by");
+        record.published = json.at("published");
+        record.elements = json.at("elements");
+        record.aces = json.at("aces");
+        record.bytes = json.at("bytes");
+        record.seconds = json.at("seconds");
+    } catch (const nlohmann::json::exception&) {
+        return std::nullopt;
+    }
+    return record;
 }
 
 MapRecord describe_image(std::span<const std::uint8_t> image) {
@@ -139,6 +145,13 @@ std::optional<MapRecord> record_of(const std::string& sha256) {
 
 unsigned keep_map(MapRecord record, std::span<const std::uint8_t> image) {
     make_folder(kKeptFolder, 0700);
+    const std::vector<MapRecord> known = kept_maps();
+    if (!known.empty() && known.front().sha256 == record.sha256) {
+        record.number = known.front().number;
+        record.published = known.front().published;
+        write_record(record);
+        return record.number;
+    }
     record.number = 1;
     for (const std::string& name : names_of_folder()) {
         std::string rest;
@@ -163,7 +176,7 @@ void prune_kept_maps(unsigned count, unsigned served) {
     for (const std::string& name : names_of_folder()) {
         std::string rest;
         const unsigned number = number_of(name, rest);
-        const bool lost = rest == ".map" && !fs::exists(record_path(number));
+        const bool lost = rest == ".map" && access(record_path(number).c_str(), F_OK) != 0;
         if (number != 0 && (lost || rest.ends_with(".tmp")))
             unlink(fmt::format("{}/{}", kKeptFolder, name).c_str());
     }

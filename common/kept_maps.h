@@ -37,6 +37,9 @@ struct MapRecord {
 
 nlohmann::ordered_json as_json(const MapRecord& record);
 
+// The record that as_json() made; nothing when it is none.
+std::optional<MapRecord> record_from(const nlohmann::ordered_json& json);
+
 // What an image says of itself; all else is left empty.
 MapRecord describe_image(std::span<const std::uint8_t> image);
 
@@ -49,7 +52,8 @@ std::vector<MapRecord> kept_maps();
 // The record of that image, by its digest: the one published last. Nothing when there is none.
 std::optional<MapRecord> record_of(const std::string& sha256);
 
-// Keeps an image under the next number, which is given back. Fails by CommandError.
+// Keeps an image under the next number, which is given back; an image equal to the newest one takes
+// that one's place. Fails by CommandError.
 unsigned keep_map(MapRecord record, std::span<const std::uint8_t> image);
 
 // Marks a kept map as published now. Fails by CommandError.

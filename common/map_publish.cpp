@@ -65,6 +65,12 @@ void tell(const std::vector<std::string>& remarks) {
     for (const std::string& remark : remarks) note(remark);
 }
 
+std::optional<MapRecord> find_kept(unsigned number) {
+    for (const MapRecord& record : kept_maps())
+        if (record.number == number) return record;
+    return std::nullopt;
+}
+
 MapRecord known_or_described(Image image) {
     MapRecord described = describe_image(image);
     if (const std::optional<MapRecord> known = record_of(described.sha256)) return *known;
@@ -72,9 +78,11 @@ MapRecord known_or_described(Image image) {
     return described;
 }
 
-// The persisted map becomes the map that readers use. The lock is held.
+// The persisted map becomes the map that readers use. The lock is held. `number` is the kept map's
+// whose image it is; 0: whichever has such a one.
 PublishedMap load_persisted(const PublishOptions& options, const Interruptions& interruptions,
-                            NextTable& next, std::vector<std::string> remarks) {
+                            NextTable& next, std::vector<std::string> remarks,
+                            unsigned number = 0) {
     PublishedMap map;
     {
         const MappedFile persisted(persisted_map_path());
@@ -87,7 +95,8 @@ PublishedMap load_persisted(const PublishOptions& options, const Interruptions& 
     {
         const AttachedSegment segment(next.segment());
         compare_with_persisted(segment.bytes());
-        map.record = known_or_described(segment.bytes());
+        map.record = find_kept(number).value_or(MapRecord{});
+        if (number == 0) map.record = known_or_described(segment.bytes());
         observe(options, BuildStep::kVerified);
         refuse_when_interrupted(interruptions);
         keep(map, segment.bytes(), map.record.number);
@@ -116,9 +125,7 @@ void refuse_damaged(unsigned number, Image image, const std::string& sha256) {
 
 // The kept map becomes the persisted map; the caller has a copy of what was.
 void persist_kept(unsigned number) {
-    std::optional<MapRecord> wanted;
-    for (const MapRecord& record : kept_maps())
-        if (record.number == number) wanted = record;
+    const std::optional<MapRecord> wanted = find_kept(number);
     if (!wanted)
         fail(Exit::kFailure, "there is no kept map {}; 'kavrinctl map history' lists them", number);
     const MappedFile image(kept_image_path(number));
@@ -194,7 +201,7 @@ PublishedMap load_map(const PublishOptions& options) {
     const Interruptions interruptions;
     NextTable next(open_current_table(), remarks);
     observe(options, BuildStep::kCleared);
-    const PublishedMap map = load_persisted(options, interruptions, next, std::move(remarks));
+    PublishedMap map = load_persisted(options, interruptions, next, std::move(remarks));
     tell(map.remarks);
     return map;
 }
@@ -211,7 +218,7 @@ PublishedMap restore_map(unsigned number, const PublishOptions& options) {
     observe(options, BuildStep::kChecked);
     NextTable next(current, remarks);
     observe(options, BuildStep::kCleared);
-    PublishedMap map = load_persisted(options, interruptions, next, std::move(remarks));
+    PublishedMap map = load_persisted(options, interruptions, next, std::move(remarks), number);
     if (!copy.drop()) map.remarks.push_back("the copy of the old persisted map is still there");
     observe(options, BuildStep::kCopyRemoved);
     tell(map.remarks);
@@ -231,13 +238,17 @@ void persist_live(Image image, std::vector<std::string>& remarks) {
 }
 
 // The live map goes on being served, if it is one that this service could have made.
-bool adopt(int table, Takeover& result, unsigned kept) {
+// Connections are told in any case: whoever died may have switched and not told them.
+bool adopt(int table, Takeover& result, const PublishOptions& options) {
     const std::optional<int> id = segment_of_table(table);
     if (!id) return false;
     shmid_ds status{};
-    if (shmctl(*id, IPC_STAT, &status) != 0 || status.shm_perm.uid != 0) {
+    // A creator can give a segment away, even to root, and write into it all the same.
+    const bool known = shmctl(*id, IPC_STAT, &status) == 0;
+    if (!known || status.shm_perm.uid != 0 || status.shm_perm.cuid != 0) {
         result.remarks.push_back(
-            fmt::format("shared-memory segment {} is not root's and is not served", *id));
+            fmt::format("shared-memory segment {} is not root's; it was removed", *id));
+        remove_segment(*id);
         return false;
     }
     const AttachedSegment segment(*id);
@@ -246,7 +257,7 @@ bool adopt(int table, Takeover& result, unsigned kept) {
         result.remarks.push_back(fmt::format("the live map is damaged: {}", wrong));
         return false;
     }
-    persist_live(segment.bytes(), result.remarks);
+    attempt(result.remarks, [&] { persist_live(segment.bytes(), result.remarks); });
     const NextTable clear(table, result.remarks);
     if (map_initialized(1) != 0) result.remarks.push_back("maps could not be marked available");
     PublishedMap map;
@@ -257,7 +268,8 @@ bool adopt(int table, Takeover& result, unsigned kept) {
     if (map.record.published == 0)
         attempt(map.remarks, [&map] { mark_published(map.record.number); });
     drop_unpublished_maps(map.record.number);
-    prune_kept_maps(kept, map.record.number);
+    prune_kept_maps(options.kept, map.record.number);
+    if (options.announce) attempt(map.remarks, [] { touch_map_marker(); });
     result.adopted = true;
     result.map = std::move(map);
     return true;
@@ -279,6 +291,12 @@ bool fall_back_on_kept(std::vector<std::string>& remarks) {
     return false;
 }
 
+// With nothing to serve, nothing that readers could take for a map may lie anywhere.
+void clear_tables(int current, std::vector<std::string>& remarks) {
+    const NextTable clear(current, remarks);
+    if (const std::optional<int> damaged = segment_of_table(current)) remove_segment(*damaged);
+}
+
 }  // namespace
 
 Takeover take_over(const PublishOptions& options) {
@@ -286,14 +304,18 @@ Takeover take_over(const PublishOptions& options) {
     observe(options, BuildStep::kLocked);
     Takeover result;
     result.remarks = recover_persisted_map();
+    PrivateLinks::clear_left();
     const int current = repair_current_table(result.remarks);
-    if (adopt(current, result, options.kept)) return result;
+    if (adopt(current, result, options)) return result;
 
     const std::string flaw = flaw_of_persisted();
     if (!flaw.empty()) {
         const bool none = !MappedFile(persisted_map_path(), true).exists();
         if (!none || !kept_maps().empty()) result.remarks.push_back(flaw);
-        if (!fall_back_on_kept(result.remarks)) return result;
+        if (!fall_back_on_kept(result.remarks)) {
+            clear_tables(current, result.remarks);
+            return result;
+        }
     }
     drop_unpublished_maps(0);
     const Interruptions interruptions;

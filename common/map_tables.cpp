@@ -6,6 +6,7 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +15,7 @@
 
 #include "failure.h"
 #include "kavrin.h"
+#include "whole_file.h"
 
 namespace kvadmin {
 namespace {
@@ -43,20 +45,24 @@ std::string flaw_of_set(int set) {
 
 }  // namespace
 
-BuildLock::BuildLock(std::chrono::seconds patience)
-    : folder_(open(kFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    if (!folder_.valid())
-        fail(Exit::kFailure, "cannot open {}: {}; it is where the persisted map lies", kFolder,
-             std::strerror(errno));
+BuildLock::BuildLock(std::chrono::seconds patience) {
+    struct stat st {};
+    if (stat(kFolder, &st) != 0 || !S_ISDIR(st.st_mode))
+        fail(Exit::kFailure, "there is no folder {}; it is where the persisted map lies", kFolder);
+    make_folder("/run/kavrin", 0755);
+    file_ = Descriptor(open(kBuildLockPath, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file_.valid() || fchmod(file_.get(), 0600) != 0)
+        fail(Exit::kFailure, "cannot open {}: {}", kBuildLockPath, std::strerror(errno));
     const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (flock(folder_.get(), LOCK_EX | LOCK_NB) != 0) {
+    while (flock(file_.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR)
-            fail(Exit::kFailure, "cannot lock {}: {}", kFolder, std::strerror(errno));
+            fail(Exit::kFailure, "cannot lock {}: {}", kBuildLockPath, std::strerror(errno));
         if (std::chrono::steady_clock::now() >= deadline)
-            fail(Exit::kFailure,
-                 "another build or load is running (it holds the lock on {}); try again when it "
-                 "has ended",
-                 kFolder);
+            throw CommandError{Exit::kFailure,
+                               fmt::format("another build or load is running (it holds {}); try "
+                                           "again when it has ended",
+                                           kBuildLockPath),
+                               true};
         std::this_thread::sleep_for(kBetweenTries);
     }
 }
@@ -90,6 +96,12 @@ int repair_current_table(std::vector<std::string>& remarks) {
 void remove_segment(int id) {
     if (shmctl(id, IPC_RMID, nullptr) != 0)
         note(fmt::format("cannot remove shared-memory segment {}: {}", id, std::strerror(errno)));
+}
+
+std::optional<int> live_segment() {
+    const int set = semaphore_set();
+    const int table = set < 0 ? -1 : semctl(set, 0, GETVAL);
+    return table == 0 || table == 1 ? segment_of_table(table) : std::nullopt;
 }
 
 std::optional<int> segment_of_table(int table) {

@@ -15,14 +15,17 @@
 
 namespace kvadmin {
 
+// Root's alone, or anybody could keep maps from being built.
+inline constexpr const char* kBuildLockPath = "/run/kavrin/build.lock";
+
 // Held by this process and by its child until both are gone. Waits at most so long for another
-// build to end; fails by CommandError.
+// build to end; fails by CommandError, as busy when that was not enough.
 class BuildLock {
 public:
     explicit BuildLock(std::chrono::seconds patience = {});
 
 private:
-    Descriptor folder_;
+    Descriptor file_;
 };
 
 // The table that readers use now, 0 or 1. Opens the semaphore set, making it when there is none,
@@ -84,6 +87,9 @@ private:
     bool published_ = false;
     std::optional<LateReaders> late_readers_;
 };
+
+// The segment that readers use now; nothing when there is none. Makes and changes nothing.
+std::optional<int> live_segment();
 
 // Marks a segment for removal; a failure is told with note().
 void remove_segment(int id);

@@ -13,11 +13,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "descriptor.h"
+#include "digest.h"
 #include "failure.h"
 #include "image_check.h"
 #include "kavrin.h"
+#include "kept_maps.h"
+#include "map_tables.h"
 
 namespace kvadmin {
 namespace {
@@ -83,9 +87,22 @@ bool make_copy(int from) {
            rename(unfinished_path().c_str(), copy_path().c_str()) == 0;
 }
 
-bool is_sound(const std::string& path) {
+bool is_live(std::span<const std::uint8_t> image) {
+    const std::optional<int> segment = live_segment();
+    if (!segment) return false;
+    const AttachedSegment live(*segment);
+    return live.bytes().size() == image.size() &&
+           std::memcmp(live.bytes().data(), image.data(), image.size()) == 0;
+}
+
+// Whether readers were switched to the persisted map. A sound image alone says little: one of a
+// document that was cut short is sound, too.
+bool was_served(const std::string& path) {
     const MappedFile file(path, true);
-    return file.exists() && check_image(file.bytes()).sound();
+    if (!file.exists() || !check_image(file.bytes()).sound()) return false;
+    if (is_live(file.bytes())) return true;
+    const std::optional<MapRecord> record = record_of(sha256_of(file.bytes()));
+    return record && record->published != 0;
 }
 
 }  // namespace
@@ -118,8 +135,9 @@ std::string persisted_map_path() {
 std::vector<std::string> recover_persisted_map() {
     std::vector<std::string> remarks;
     unlink(unfinished_path().c_str());
+    unlink((persisted_map_path() + ".tmp").c_str());
     if (access(copy_path().c_str(), F_OK) != 0) return remarks;
-    if (is_sound(persisted_map_path())) {
+    if (was_served(persisted_map_path())) {
         if (unlink(copy_path().c_str()) != 0)
             fail(Exit::kFailure, "cannot remove {}: {}", copy_path(), std::strerror(errno));
         remarks.push_back(fmt::format("removed {}, left by an interrupted build", copy_path()));

@@ -31,8 +31,9 @@ private:
 // Where the persisted map lies.
 std::string persisted_map_path();
 
-// Deals with what an interrupted build left: its copy goes back when the persisted map is not
-// sound, else away. Returns one remark for each thing done.
+// Deals with what an interrupted build left: its copy goes back unless the persisted map is the one
+// that readers use or once used, for then the build was over. Returns one remark for each thing
+// done.
 std::vector<std::string> recover_persisted_map();
 
 class PersistedCopy {

@@ -128,6 +128,11 @@ PrivateLinks::~PrivateLinks() {
     clear_links();
 }
 
+void PrivateLinks::clear_left() {
+    if (!clear_links())
+        note(fmt::format("cannot remove {}: {}", kLinkFolder, std::strerror(errno)));
+}
+
 std::string PrivateLinks::size_path() const {
     return link_path("size.json");
 }

@@ -57,6 +57,7 @@ public:
     PrivateLinks& operator=(const PrivateLinks&) = delete;
     std::string size_path() const;
     std::string data_path() const;
+    static void clear_left();  // what a killed build left; the lock is held
 };
 
 }  // namespace kvadmin

@@ -51,7 +51,8 @@ void make_folder(const std::string& path, mode_t mode) {
     for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
         const std::string part = path.substr(0, slash);
         struct stat st {};
-        if (mkdir(part.c_str(), mode) != 0 && errno != EEXIST)
+        const bool made = mkdir(part.c_str(), mode) == 0;
+        if ((!made && errno != EEXIST) || (made && chmod(part.c_str(), mode) != 0))
             fail(Exit::kFailure, "cannot make the folder {}: {}", part, std::strerror(errno));
         if (stat(part.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
             fail(Exit::kFailure, "{} is no folder, and must be one", part);

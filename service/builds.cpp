@@ -125,10 +125,17 @@ unsigned Builds::add(Job job) {
 }
 
 void Builds::add_pair(const TakenPair& pair) {
+    if (pair.turn < newest_) {
+        log_info("{} is superseded by a pair that came later", pair.source(store_.incoming()));
+        store_.remove(pair);
+        ++counters_.superseded;
+        return;
+    }
+    newest_ = pair.turn;
     std::erase_if(queue_, [this, &pair](const Job& older) {
         if (older.kind != JobKind::kPair) return false;
         log_info("{} is superseded by {}", source_of(older), data_name(pair.name));
-        store_.remove(older.pair);
+        if (older.pair.folder != pair.folder) store_.remove(older.pair);
         ++counters_.superseded;
         return true;
     });
@@ -163,11 +170,11 @@ void Builds::begin(Job job) {
             look_at(*running_, seen_);
             const unsigned attempts = store_.count_attempt(running_->pair);
             if (attempts > kMostAttempts)
-                kvadmin::fail(
-                    kvadmin::Exit::kFailure,
-                    "it was tried {} times, and each time the service ended or the files were "
-                    "still written to",
-                    attempts - 1);
+                kvadmin::fail(kvadmin::Exit::kFailure,
+                              "it was tried {} times, and each time the service or its worker "
+                              "ended, or the files were "
+                              "still written to",
+                              attempts - 1);
         }
         worker_ = std::make_unique<Worker>(
             loop_, fmt::format("the process of job {}", running_->number), work_of(*running_),
@@ -208,11 +215,13 @@ void Builds::end(const WorkResult& result) {
     const Job job = *std::exchange(running_, std::nullopt);
     counters_.seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - began_).count();
+    const bool again = !result.done && retry(job, result);
     if (result.done)
         succeed(job, result);
-    else if (!retry(job, result))
+    else if (!again)
         fail_job(job, result);
-    if (job.on_end) job.on_end(result);
+    if (result.died && job.kind != JobKind::kStart && !stopping_) clear_up();
+    if (job.on_end && !again) job.on_end(result);
     on_change_();
     if (stopping_)
         on_idle_();
@@ -220,9 +229,37 @@ void Builds::end(const WorkResult& result) {
         next_ = loop_.after({}, [this] { begin_next(); });
 }
 
-// A pair that was still being written, or that the end of the service interrupted, has not failed.
+// Who died undid nothing: a segment may be left, and the persisted map be another than the live
+// one.
+void Builds::clear_up() {
+    Job job;
+    job.kind = JobKind::kStart;
+    add(std::move(job));
+}
+
+// What somebody else's build kept from beginning is tried again, if nobody waits for the answer. So
+// is a pair whose worker died, as often as its attempts allow; one that was still being written;
+// and one that the end of the service interrupted.
 bool Builds::retry(const Job& job, const WorkResult& result) {
+    const bool asked = job.kind != JobKind::kPair && job.kind != JobKind::kStart;
+    if (result.busy && !asked && !stopping_) {
+        log_warning("job {}: {}", job.number, result.error);
+        if (job.kind == JobKind::kPair) store_.forget_attempts(job.pair);
+        queue_.push_front(job);
+        return true;
+    }
+    if (job.kind == JobKind::kStart && result.died && !stopping_ &&
+        ++deaths_at_start_ < kMostAttempts) {
+        log_warning("job {}: {}; it is tried again", job.number, result.error);
+        queue_.push_front(job);
+        return true;
+    }
     if (job.kind != JobKind::kPair) return false;
+    if (result.died && !stopping_) {
+        log_warning("job {}: {}; {} is tried again", job.number, result.error, source_of(job));
+        try_again(job);
+        return true;
+    }
     if (stopping_) {
         store_.forget_attempts(job.pair);
         log_info("job {}: {}; {} waits for the next start", job.number, result.error,
@@ -234,13 +271,19 @@ bool Builds::retry(const Job& job, const WorkResult& result) {
     if (is_same(seen_[0], now[0]) && is_same(seen_[1], now[1])) return false;
     log_info("job {}: {} was written to meanwhile and is looked at again", job.number,
              source_of(job));
+    try_again(job);
+    return true;
+}
+
+void Builds::try_again(const Job& job) {
     const bool newer = std::any_of(queue_.begin(), queue_.end(),
                                    [](const Job& other) { return other.kind == JobKind::kPair; });
-    if (newer)
+    if (newer) {
         store_.remove(job.pair);
-    else
+        ++counters_.superseded;
+    } else {
         add_pair(job.pair);
-    return true;
+    }
 }
 
 void Builds::succeed(const Job& job, const WorkResult& result) {
@@ -248,6 +291,7 @@ void Builds::succeed(const Job& job, const WorkResult& result) {
         log_info("job {}: {}", job.number, remark.get<std::string>());
     const Json map = result.value.value("map", Json());
     if (map.is_object()) {
+        last_map_ = map;
         for (const Json& remark : map.value("remarks", Json::array()))
             if (job.kind != JobKind::kStart)
                 log_info("job {}: {}", job.number, remark.get<std::string>());
@@ -259,7 +303,8 @@ void Builds::succeed(const Job& job, const WorkResult& result) {
         log_info("job {}: there is no map to serve yet", job.number);
     }
     if (job.kind == JobKind::kPair) store_.remove(job.pair);
-    if (job.kind != JobKind::kStart) ++counters_.builds;
+    if (job.kind == JobKind::kStart) return;
+    ++counters_.builds;
     counters_.last_succeeded = true;
 }
 

@@ -64,15 +64,19 @@ public:
     const Job* running() const { return running_ ? &*running_ : nullptr; }
     std::string source_of(const Job& job) const;
     std::size_t queued() const { return queue_.size(); }
+    // What the last build published, as the status tells a map; null before the first.
+    const Json& last_map() const { return last_map_; }
     const BuildCounters& counters() const { return counters_; }
     const std::optional<Failure>& last_failure() const { return last_failure_; }
 
 private:
     void begin_next();
     void begin(Job job);
+    void clear_up();
     Worker::Work work_of(const Job& job) const;
     void end(const WorkResult& result);
     bool retry(const Job& job, const WorkResult& result);
+    void try_again(const Job& job);
     void succeed(const Job& job, const WorkResult& result);
     void fail_job(const Job& job, const WorkResult& result);
     std::string in_quarantine(const Job& job, std::string text) const;
@@ -90,7 +94,10 @@ private:
     std::chrono::steady_clock::time_point began_;
     struct stat seen_[2] = {};  // the running pair's files
     unsigned number_ = 0;
+    std::uint64_t newest_ = 0;  // turn of the pair that was added last
+    unsigned deaths_at_start_ = 0;
     bool stopping_ = false;
+    Json last_map_;
     BuildCounters counters_;
     std::optional<Failure> last_failure_;
 };

@@ -105,10 +105,11 @@ void ControlSocket::accept_clients() {
     }
 }
 
-// One request at a time: while one waits for its answer nothing more is read.
+// One request at a time: while one waits for its answer, or the answer for its reader, nothing more
+// is read.
 void ControlSocket::watch(const ClientPlace& client) {
-    const std::uint32_t events = (client->busy || client->closing ? 0U : EPOLLIN) |
-                                 (client->to_send.empty() ? 0U : EPOLLOUT);
+    const bool waits = client->busy || client->closing || !client->to_send.empty();
+    const std::uint32_t events = (waits ? 0U : EPOLLIN) | (client->to_send.empty() ? 0U : EPOLLOUT);
     if (client->source) return loop_.change(client->source, events);
     client->source =
         loop_.on_ready(client->socket.get(), events,
@@ -193,7 +194,7 @@ void ControlSocket::send_waiting(const ClientPlace& client) {
 
 // A worker may hold a copy of the descriptor, so closing it would not end the connection.
 void ControlSocket::drop(const ClientPlace& client) {
-    const ClientPlace held = client;
+    const ClientPlace held = client;  // NOLINT: the argument may be the one in the list
     held->source.reset();
     if (held->socket.valid()) shutdown(held->socket.get(), SHUT_RDWR);
     clients_.remove(held);

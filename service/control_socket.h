@@ -37,6 +37,7 @@ public:
     ControlSocket(const ControlSocket&) = delete;
     ControlSocket& operator=(const ControlSocket&) = delete;
 
+    const std::string& path() const { return path_; }
     void set_limits(Limits limits) { limits_ = limits; }
 
 private:

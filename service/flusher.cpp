@@ -34,8 +34,8 @@ Json recovered(const std::string& folder) {
     return lines;
 }
 
-Json flush_and_recover(const std::string& folder, bool recover) {
-    const std::size_t records = staging_fill().records;
+Json flush_and_recover(const std::string& folder, bool flush, bool recover) {
+    const std::size_t records = flush ? staging_fill().records : 0;
     if (records != 0 && flush_staging_buffer() != 1)
         kvadmin::fail(Exit::kFailure,
                       "the staging buffer with {} events cannot be flushed; is {} there, and room "
@@ -49,7 +49,8 @@ Json flush_and_recover(const std::string& folder, bool recover) {
 void Flusher::set(std::chrono::seconds period, std::string folder) {
     folder_ = std::move(folder);
     timer_.reset();
-    if (period.count() != 0) timer_ = loop_.every(period, [this] { tick(); });
+    by_itself_ = period.count() != 0;
+    timer_ = loop_.every(by_itself_ ? period : kRecoveryPeriod, [this] { tick(); });
 }
 
 void Flusher::flush(OnEnd on_end) {
@@ -68,17 +69,20 @@ void Flusher::tick() {
         return;
     }
     const bool recover = Clock::now() - recovered_ >= kRecoveryPeriod;
-    if (recover || staging_fill().records != 0) begin(recover);
+    if (recover || (by_itself_ && staging_fill().records != 0)) begin(recover);
 }
 
 void Flusher::begin(bool recover) {
     waiting_ = std::exchange(wanted_, {});
+    const bool flush = by_itself_ || !waiting_.empty();
     began_ = Clock::now();
     if (recover) recovered_ = began_;
     try {
         worker_ = std::make_unique<Worker>(
             loop_, "the flush of the staging buffer",
-            [folder = folder_, recover] { return flush_and_recover(folder, recover); },
+            [folder = folder_, flush, recover] {
+                return flush_and_recover(folder, flush, recover);
+            },
             [this](const WorkResult& result) { end(result); });
     } catch (const kvadmin::CommandError& error) {
         WorkResult result;

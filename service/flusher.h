@@ -26,7 +26,8 @@ public:
 
     explicit Flusher(EventLoop& loop) : loop_(loop) {}
 
-    // Flushes every so often from here on; never by itself when `period` is zero.
+    // Flushes every so often from here on; what dead flushers left is recovered
+    // also when `period` is zero, and nothing flushed then.
     void set(std::chrono::seconds period, std::string folder);
 
     void flush(OnEnd on_end);
@@ -42,6 +43,7 @@ private:
     std::string folder_;
     std::chrono::steady_clock::time_point began_;
     std::chrono::steady_clock::time_point recovered_;
+    bool by_itself_ = false;  // flushes without being asked
     bool told_late_ = false;
     std::vector<OnEnd> wanted_;   // by the next flush
     std::vector<OnEnd> waiting_;  // by the running one

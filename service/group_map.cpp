@@ -27,6 +27,7 @@ using kvadmin::GroupMapContent;
 using kvadmin::ServiceKey;
 
 constexpr std::chrono::milliseconds kMoment{300};
+constexpr std::chrono::milliseconds kLimit{120'000};
 constexpr std::string_view kAccountFiles[] = {"passwd", "group", "nsswitch.conf"};
 
 std::span<const std::uint8_t> as_bytes(const std::string& text) {
@@ -73,6 +74,8 @@ void GroupMap::set(const kvadmin::Configuration& configuration) {
     period_.reset();
     source_.reset();
     events_.reset();
+    soon_.reset();
+    again_ = false;
     state_.error.clear();
     if (from_ == "off") return;
     const std::chrono::seconds period(configuration.number(ServiceKey::kGroupMapPeriod));
@@ -117,8 +120,14 @@ void GroupMap::look_soon() {
 }
 
 void GroupMap::begin() {
+    if (from_ == "off") return;  // switched off since this look was due
     again_ = worker_ != nullptr;
     if (again_) return;
+    limit_ = loop_.after(kLimit, [this] {
+        log_error("the group map took longer than {} seconds to make; does a name service hang?",
+                  kLimit.count() / 1000);
+        worker_->interrupt();
+    });
     try {
         worker_ = std::make_unique<Worker>(
             loop_, "the process that makes the group map",
@@ -131,6 +140,7 @@ void GroupMap::begin() {
 
 void GroupMap::end(const WorkResult& result) {
     worker_.reset();
+    limit_.reset();
     std::string remarks = result.error;
     if (result.done) {
         state_.users = result.value.value("users", std::uint64_t{0});

@@ -47,6 +47,7 @@ private:
     std::unique_ptr<Worker> worker_;
     Source source_;
     Source soon_;
+    Source limit_;
     Source period_;
 };
 

@@ -2,6 +2,7 @@
 #include "incoming.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <system_error>
 
 #include "failure.h"
@@ -31,8 +33,10 @@ constexpr milliseconds kShortMoment{50};
 constexpr milliseconds kLongMoment{2000};
 constexpr milliseconds kWriterMoment{500};
 constexpr milliseconds kSweep{1000};
+constexpr milliseconds kRetry{2000};
 constexpr std::size_t kLongestName = 200;  // the moved file's name is longer, and must fit
 constexpr std::uint32_t kArrivals = IN_CLOSE_WRITE | IN_MOVED_TO;
+constexpr std::uint32_t kFound = kArrivals;  // there already, nobody knows since when
 constexpr std::uint32_t kDepartures = IN_MOVED_FROM | IN_DELETE;
 constexpr std::uint32_t kEndOfFolder = IN_DELETE_SELF | IN_MOVE_SELF;
 
@@ -81,6 +85,9 @@ bool is_linked(std::uint32_t mask, const std::string& path) {
 bool is_open_for_writing(const std::string& path) {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file.valid()) return false;
+    // Who opens the file while the lease lasts makes the kernel send a signal; this one is ignored
+    // where nobody asks for it, the usual one would end the service.
+    fcntl(file.get(), F_SETSIG, SIGURG);
     if (fcntl(file.get(), F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN;
     fcntl(file.get(), F_SETLEASE, F_UNLCK);
     return false;
@@ -107,10 +114,28 @@ void Incoming::watch() {
     source_ = loop_.on_ready(events_.get(), EPOLLIN, [this](std::uint32_t) { read_events(); });
 }
 
+// What is there counts as having come once, in the order of its coming; what was given back had
+// come before everything else.
 void Incoming::look() {
+    for (auto& [name, pair] : pairs_)
+        for (Half& half : pair.halves) half = {half.claimed ? 1U : 0U, half.identity, half.claimed};
+    std::vector<std::pair<std::int64_t, std::string>> files;
+    const std::set<std::string> given_back = store_.take_given_back();
     std::error_code error;
-    for (const fs::directory_entry& entry : fs::directory_iterator(store_.incoming(), error))
-        if (!entry.is_directory(error)) take_event(kArrivals, entry.path().filename());
+    for (const fs::directory_entry& entry : fs::directory_iterator(store_.incoming(), error)) {
+        struct stat st {};
+        const std::string file = entry.path().filename();
+        if (lstat(entry.path().c_str(), &st) != 0 || S_ISDIR(st.st_mode)) continue;
+        const std::int64_t came =
+            st.st_ctim.tv_sec * std::int64_t{1'000'000'000} + st.st_ctim.tv_nsec;
+        files.emplace_back(given_back.contains(file) ? 0 : came, file);
+    }
+    std::sort(files.begin(), files.end());
+    for (const auto& [came, file] : files) take_event(kFound, file);
+    std::erase_if(pairs_, [](const auto& entry) {
+        const auto& halves = entry.second.halves;
+        return halves[kSize].arrivals == 0 && halves[kData].arrivals == 0;
+    });
     if (error) log_warning("cannot read {}: {}", store_.incoming(), error.message());
 }
 
@@ -125,19 +150,7 @@ void Incoming::read_events() {
             if ((event->mask & (kEndOfFolder | IN_IGNORED)) != 0) {
                 // Gone or renamed away; it is made again from a call of its own, for this one holds
                 // the descriptor.
-                rewatch_ = loop_.after(milliseconds(0), [this] {
-                    log_warning("{} went away; it is made again", store_.incoming());
-                    try {
-                        store_ = PairStore(store_.incoming());
-                        pairs_.clear();
-                        strangers_.clear();
-                        watch();
-                        look();
-                    } catch (const CommandError& failure) {
-                        log_error("{}; no pair arrives until the service is restarted",
-                                  failure.message);
-                    }
-                });
+                rewatch_ = loop_.after(milliseconds(0), [this] { watch_anew(); });
                 return;
             }
             if ((event->mask & IN_Q_OVERFLOW) != 0)
@@ -148,25 +161,40 @@ void Incoming::read_events() {
     }
 }
 
+void Incoming::watch_anew() {
+    log_warning("{} went away; it is made again", store_.incoming());
+    try {
+        store_.make_folders();
+        pairs_.clear();
+        strangers_.clear();
+        watch();
+        look();
+    } catch (const CommandError& failure) {
+        log_error("{}; it is tried again", failure.message);
+        rewatch_ = loop_.after(kRetry, [this] { watch_anew(); });
+    }
+}
+
 void Incoming::take_event(std::uint32_t mask, const std::string& file) {
     if (is_unfinished(file)) return;
     const std::optional<HalfName> half = half_of(file);
     const std::string path = store_.incoming() + "/" + file;
     const bool arrives = (mask & kArrivals) != 0;
+    const bool goes = (mask & kDepartures) != 0;
+    const bool odd = !goes && fs::exists(fs::symlink_status(path)) && !is_regular(path);
     const char* flaw = !half ? "it is named neither NAME.size.json nor NAME.data.json"
                        : file.size() > kLongestName ? "its name is longer than 200 bytes"
-                       : arrives && fs::exists(fs::symlink_status(path)) && !is_regular(path)
-                           ? "it is no regular file"
-                           : nullptr;
+                       : odd                        ? "it is no regular file"
+                                                    : nullptr;
+    strangers_.erase(file);
     if (flaw != nullptr) {
-        if ((mask & kDepartures) != 0) strangers_.erase(file);
-        if (!arrives) return;
+        if (!arrives && !odd) return;
         log_warning("{} is left alone: {}", path, flaw);
         strangers_[file] = {file, std::time(nullptr), true, flaw};
         return;
     }
     if (arrives || is_linked(mask, path))
-        arrive(half->pair, static_cast<Side>(half->side));
+        arrive(half->pair, static_cast<Side>(half->side), mask);
     else if (is_begun(mask))
         begin(half->pair, static_cast<Side>(half->side));
     else
@@ -179,12 +207,23 @@ void Incoming::begin(const std::string& name, Side side) {
     if (half.since == 0) half.since = std::time(nullptr);
 }
 
-void Incoming::arrive(const std::string& name, Side side) {
+// A file that is closed once more is the same file, written to again; any other arrival is a new
+// one. With both halves moved away, a file that lies there belongs to the next pair.
+void Incoming::arrive(const std::string& name, Side side, std::uint32_t mask) {
+    const std::string path = store_.incoming() + "/" + file_of(name, side);
+    const bool there = is_regular(path);
+    if (there && pairs_[name].halves[kSize].claimed && pairs_[name].halves[kData].claimed)
+        commit(name);
     Pair& pair = pairs_[name];
     Half& half = pair.halves[side];
-    ++half.arrivals;
+    const Identity identity = identity_of(there ? path : store_.claim_path(file_of(name, side)));
+    const bool again = mask == IN_CLOSE_WRITE && half.arrivals > 0 && identity == half.identity;
+    half.rewritten = half.rewritten || again;
+    half.arrivals = mask == kFound ? 1 : half.arrivals + (again ? 0 : 1);
+    half.identity = identity;
     half.since = std::time(nullptr);
     pair.last_change = Clock::now();
+    pair.turn = ++turns_;
     pair.reported = false;
     look_again_in(name, kShortMoment);
 }
@@ -212,12 +251,24 @@ bool Incoming::claim(const std::string& name, Pair& pair, Side side) {
     if (half.open_for_writing) return false;
     if (!fresh) return half.claimed;
     if (rename(path.c_str(), store_.claim_path(file).c_str()) != 0) {
+        if (errno == ENOENT && is_regular(path)) store_.make_folders();
         if (errno != ENOENT) log_error("cannot take {}: {}", path, std::strerror(errno));
         return half.claimed;
     }
-    half.claimed = true;
     pair.last_change = Clock::now();
-    return true;
+    half.claimed = is_regular(store_.claim_path(file));
+    if (half.claimed) return true;
+    unlink(store_.claim_path(file).c_str());  // a link was put in its place meanwhile
+    half = {};
+    return false;
+}
+
+Incoming::Identity Incoming::identity_of(const std::string& path) {
+    struct statx status {};
+    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_INO | STATX_BTIME, &status) != 0)
+        return {};
+    return {status.stx_ino,
+            status.stx_btime.tv_sec * std::int64_t{1'000'000'000} + status.stx_btime.tv_nsec};
 }
 
 void Incoming::judge(const std::string& name) {
@@ -225,9 +276,10 @@ void Incoming::judge(const std::string& name) {
     const auto found = pairs_.find(name);
     if (found == pairs_.end()) return;
     Pair& pair = found->second;
-    const auto [size, data] = pair.halves;
-    if (size.arrivals == 0 || data.arrivals == 0) return;  // the other half's arrival calls again
-    const milliseconds moment = size.arrivals == data.arrivals ? kShortMoment : kLongMoment;
+    const auto& [size, data] = pair.halves;
+    // Otherwise the other half's arrival calls again.
+    if (size.arrivals == 0 || size.arrivals != data.arrivals) return;
+    const milliseconds moment = size.rewritten || data.rewritten ? kLongMoment : kShortMoment;
     const auto quiet = std::chrono::duration_cast<milliseconds>(Clock::now() - pair.last_change);
     if (quiet < moment) return look_again_in(name, moment - quiet);
 
@@ -235,11 +287,18 @@ void Incoming::judge(const std::string& name) {
     const bool both = claim(name, pair, kSize) && claim(name, pair, kData);
     if (pair.last_change != before) return look_again_in(name, moment);
     if (!both) return look_again_in(name, kWriterMoment);
-    pairs_.erase(found);
+    commit(name);
+}
+
+void Incoming::commit(const std::string& name) {
     try {
-        on_pair_(store_.commit(name));
+        TakenPair taken = store_.commit(name);
+        taken.turn = pairs_[name].turn;
+        pairs_.erase(name);
+        on_pair_(taken);
     } catch (const CommandError& failure) {
-        log_error("{}; the pair is looked at again when the service is started", failure.message);
+        log_error("{}; it is tried again", failure.message);
+        look_again_in(name, kRetry);
     }
 }
 
@@ -247,8 +306,14 @@ std::string Incoming::why_waiting(const std::string& name, const Pair& pair, Sid
     if (pair.halves[side].open_for_writing) return "somebody has it open for writing";
     if (pair.halves[side].arrivals == 0) return "it has not been closed after writing";
     const Side other = side == kSize ? kData : kSize;
-    if (pair.halves[other].arrivals == 0)
-        return fmt::format("{} has not come", file_of(name, other));
+    const unsigned ours = pair.halves[side].arrivals;
+    const unsigned others = pair.halves[other].arrivals;
+    if (others == 0) return fmt::format("{} has not come", file_of(name, other));
+    if (ours > others)
+        return fmt::format("{} came {} times and {} {}: the last is the next pair's",
+                           file_of(name, side), ours, file_of(name, other), others);
+    if (ours < others)
+        return fmt::format("{} has come again, and may be replaced", file_of(name, other));
     return "it is being looked at";
 }
 

@@ -2,6 +2,7 @@
 #include "instance_lock.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,8 +19,10 @@ using kvadmin::fail;
 
 InstanceLock::InstanceLock() {
     kvadmin::make_folder("/run/kavrin", 0755);
-    file_ = kvadmin::Descriptor(open(kLockPath, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!file_.valid()) fail(Exit::kFailure, "cannot open {}: {}", kLockPath, std::strerror(errno));
+    file_ = kvadmin::Descriptor(open(kLockPath, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    // Root's alone: anybody who may read it could lock it.
+    if (!file_.valid() || fchmod(file_.get(), 0600) != 0)
+        fail(Exit::kFailure, "cannot open {}: {}", kLockPath, std::strerror(errno));
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;

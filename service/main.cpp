@@ -1,5 +1,6 @@
 // kavrind: the command line, and the way into the background.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "config_file.h"
 #include "failure.h"
@@ -32,6 +34,11 @@ struct CommandLine {
     bool teardown = false;
     bool force = false;
 };
+
+// The service leaves the folder that it was started in.
+std::string absolute(const std::string& path) {
+    return std::filesystem::absolute(path).lexically_normal();
+}
 
 ConfigFile read_config(const CommandLine& line) {
     ConfigFile file = kvadmin::read_config_file(line.config);
@@ -108,8 +115,7 @@ Exit serve(const CommandLine& line) {
         close(parent);
     };
     Service service(std::move(options), std::move(file));
-    service.run();
-    return Exit::kDone;
+    return service.run() ? Exit::kDone : Exit::kFailure;
 }
 
 Exit run(int argc, const char* const* argv) {
@@ -141,6 +147,8 @@ Exit run(int argc, const char* const* argv) {
         fail(Exit::kUsage, "{}; see 'kavrind --help'", error.what());
     }
     line.config_given = config->count() > 0;
+    line.config = absolute(line.config);
+    if (!line.metrics.empty()) line.metrics = absolute(line.metrics);
     if (line.check) return check(line);
     if (line.teardown) return teardown(line);
     return serve(line);
@@ -151,6 +159,7 @@ Exit run(int argc, const char* const* argv) {
 
 int main(int argc, char** argv) {
     kvadmin::program_name = "kavrind";
+    signal(SIGPIPE, SIG_IGN);  // who started us may be gone before we are ready
     try {
         return static_cast<int>(kvservice::run(argc, argv));
     } catch (const kvadmin::CommandError& error) {

@@ -45,6 +45,13 @@ void move(const std::string& from, const std::string& to) {
         fail(Exit::kFailure, "cannot move {} to {}: {}", from, to, std::strerror(errno));
 }
 
+// The same, for a step that may have been taken before.
+void move_once(const std::string& from, const std::string& to) {
+    struct stat st {};
+    if (lstat(from.c_str(), &st) != 0 && errno == ENOENT && lstat(to.c_str(), &st) == 0) return;
+    move(from, to);
+}
+
 // "pair-NUMBER-NAME".
 std::optional<TakenPair> pair_of(const std::string& work, const std::string& entry) {
     if (!entry.starts_with(kPairPrefix)) return std::nullopt;
@@ -63,17 +70,6 @@ void remove_tree(const std::string& folder) {
     if (error) log_warning("cannot remove {}: {}", folder, error.message());
 }
 
-// A claimed half goes back to where its producer put it; a newer one that is there wins.
-void give_back(const std::string& claimed, const std::string& target) {
-    if (renameat2(AT_FDCWD, claimed.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0)
-        return;
-    if (errno != EEXIST) {
-        log_warning("cannot move {} back to {}: {}", claimed, target, std::strerror(errno));
-        return;
-    }
-    unlink(claimed.c_str());
-}
-
 }  // namespace
 
 std::string data_name(const std::string& pair) {
@@ -89,6 +85,10 @@ std::string TakenPair::source(const std::string& incoming) const {
 }
 
 PairStore::PairStore(std::string incoming) : incoming_(std::move(incoming)) {
+    make_folders();
+}
+
+void PairStore::make_folders() const {
     kvadmin::make_folder(incoming_, 0700);
     kvadmin::make_folder(work(), 0700);
     kvadmin::make_folder(quarantine_folder(), 0700);
@@ -98,8 +98,8 @@ TakenPair PairStore::commit(const std::string& name) {
     const std::string filling = fmt::format("{}/{}{}", work(), kFillingPrefix, name);
     if (mkdir(filling.c_str(), 0700) != 0 && errno != EEXIST)
         fail(Exit::kFailure, "cannot make the folder {}: {}", filling, std::strerror(errno));
-    move(claim_path(size_name(name)), filling + "/size.json");
-    move(claim_path(data_name(name)), filling + "/data.json");
+    move_once(claim_path(size_name(name)), filling + "/size.json");
+    move_once(claim_path(data_name(name)), filling + "/data.json");
     return name_pair(filling, name);
 }
 
@@ -112,6 +112,43 @@ TakenPair PairStore::name_pair(const std::string& filled, const std::string& nam
     return pair;
 }
 
+// A claimed half goes back to where its producer put it; a newer one that is there wins.
+void PairStore::give_back(const std::string& claimed, const std::string& file) {
+    const std::string target = incoming_ + "/" + file;
+    if (renameat2(AT_FDCWD, claimed.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) {
+        given_back_.insert(file);
+        return;
+    }
+    if (errno != EEXIST) {
+        log_warning("cannot move {} back to {}: {}", claimed, target, std::strerror(errno));
+        return;
+    }
+    unlink(claimed.c_str());
+}
+
+// Two claimed halves belong together: where a newer file has the place of one, the other goes, too,
+// or it would be taken for that file's partner.
+void PairStore::give_back_claims(const std::vector<std::string>& entries) {
+    std::set<std::string> superseded;
+    std::vector<std::string> files;
+    for (const std::string& entry : entries)
+        if (entry.starts_with(kClaimPrefix)) files.push_back(entry.substr(kClaimPrefix.size()));
+    const auto stem = [](const std::string& file) {
+        return file.substr(0, file.size() - std::string_view("size.json").size());
+    };
+    struct stat st {};
+    for (const std::string& file : files)
+        if (lstat((incoming_ + "/" + file).c_str(), &st) == 0) superseded.insert(stem(file));
+    for (const std::string& file : files) {
+        if (superseded.contains(stem(file))) {
+            log_info("{} is superseded by a newer one", incoming_ + "/" + file);
+            unlink(claim_path(file).c_str());
+        } else {
+            give_back(claim_path(file), file);
+        }
+    }
+}
+
 // A folder that was being filled holds the size file or both: it becomes a pair, or its half goes
 // back.
 void PairStore::finish(const std::string& entry, std::vector<TakenPair>& pairs) {
@@ -121,8 +158,7 @@ void PairStore::finish(const std::string& entry, std::vector<TakenPair>& pairs) 
         pairs.push_back(name_pair(filling, name));
         return;
     }
-    if (fs::exists(filling + "/size.json"))
-        give_back(filling + "/size.json", incoming_ + "/" + size_name(name));
+    if (fs::exists(filling + "/size.json")) give_back(filling + "/size.json", size_name(name));
     remove_tree(filling);
 }
 
@@ -137,9 +173,8 @@ std::vector<TakenPair> PairStore::left_over() {
     }
     for (const std::string& entry : entries) {
         if (entry.starts_with(kFillingPrefix)) finish(entry, pairs);
-        if (entry.starts_with(kClaimPrefix))
-            give_back(work() + "/" + entry, incoming_ + "/" + entry.substr(kClaimPrefix.size()));
     }
+    give_back_claims(entries);
     std::sort(pairs.begin(), pairs.end(),
               [](const TakenPair& a, const TakenPair& b) { return a.number < b.number; });
     return pairs;
@@ -148,7 +183,12 @@ std::vector<TakenPair> PairStore::left_over() {
 unsigned PairStore::count_attempt(const TakenPair& pair) const {
     unsigned attempts = 0;
     std::ifstream(pair.folder + kAttempts) >> attempts;
-    kvadmin::write_whole_file(pair.folder + kAttempts, fmt::format("{}\n", ++attempts), 0600);
+    ++attempts;
+    try {
+        kvadmin::write_whole_file(pair.folder + kAttempts, fmt::format("{}\n", attempts), 0600);
+    } catch (const kvadmin::CommandError& error) {
+        log_warning("{}", error.message);  // the build will say more about a full disk
+    }
     return attempts;
 }
 
@@ -165,6 +205,7 @@ std::string PairStore::quarantine(const TakenPair& pair, const std::string& reas
     const std::time_t now = std::time(nullptr);
     tm parts{};
     std::strftime(time, sizeof time, "%Y%m%dT%H%M%SZ", gmtime_r(&now, &parts));
+    make_folders();
     std::string folder;
     for (unsigned again = 0;; ++again) {
         folder = fmt::format("{}/{}-{:06}{}{}", quarantine_folder(), time, pair.number,

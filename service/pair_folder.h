@@ -4,15 +4,19 @@
 // the service three times must not get a fourth.
 #pragma once
 
+#include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kvservice {
 
 struct TakenPair {
-    unsigned number = 0;  // they count up: the newest has the highest
-    std::string name;     // what the files were called before ".size.json"; may be empty
+    unsigned number = 0;     // they count up: the newest has the highest
+    std::uint64_t turn = 0;  // they count up too: when it arrived; 0 for one of an earlier run
+    std::string name;        // what the files were called before ".size.json"; may be empty
     std::string folder;
     std::string size_path() const { return folder + "/size.json"; }
     std::string data_path() const { return folder + "/data.json"; }
@@ -28,6 +32,9 @@ class PairStore {
 public:
     explicit PairStore(std::string incoming);  // makes the folders; fails by CommandError
 
+    // Makes those that are missing; fails by CommandError.
+    void make_folders() const;
+
     const std::string& incoming() const { return incoming_; }
     std::string work() const { return incoming_ + "/.work"; }
     std::string quarantine_folder() const { return incoming_ + "/quarantine"; }
@@ -41,6 +48,8 @@ public:
     // Pairs that an earlier run left, the newest last. What it left unfinished is cleared: claimed
     // halves go back to the incoming folder unless newer ones are there.
     std::vector<TakenPair> left_over();
+    // Names of the halves that went back since the last call.
+    std::set<std::string> take_given_back() { return std::exchange(given_back_, {}); }
 
     // Counts an attempt and gives how many that makes. Synced, for it is there to survive a crash.
     unsigned count_attempt(const TakenPair& pair) const;
@@ -59,7 +68,11 @@ private:
     void finish(const std::string& entry, std::vector<TakenPair>& pairs);
     void prune_quarantine(unsigned kept) const;
 
+    void give_back(const std::string& claimed, const std::string& file);
+    void give_back_claims(const std::vector<std::string>& entries);
+
     std::string incoming_;
+    std::set<std::string> given_back_;
     unsigned next_ = 1;
 };
 

@@ -21,6 +21,8 @@ struct ServedMap {
 class ServedMaps {
 public:
     std::optional<ServedMap> now();
+    // What a build of ours told of the map it published, so that nobody has to read it through.
+    void learn(const nlohmann::ordered_json& map);
 
 private:
     int segment_ = -1;

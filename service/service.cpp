@@ -4,6 +4,7 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "kavrin.h"
@@ -50,7 +51,7 @@ Json time_or_null(std::int64_t time) {
 
 Json as_json(const ServedMap& map) {
     Json json = kvadmin::as_json(map.record);
-    if (map.record.number == 0) json["number"] = nullptr;
+    if (map.record.number == 0) json["number"] = json["seconds"] = nullptr;
     json["source"] = text_or_null(map.record.source);
     json["built_by"] = text_or_null(map.record.built_by);
     json["built"] = time_or_null(map.record.built);
@@ -84,11 +85,18 @@ std::string path_member(const Json& request, const char* name) {
 std::int64_t number_member(const Json& request, const char* name, std::int64_t min,
                            std::int64_t max) {
     const auto found = request.find(name);
-    const bool whole = found != request.end() && found->is_number_integer();
+    bool whole = found != request.end() && found->is_number_integer();
+    if (whole && found->is_number_unsigned()) whole = found->get<std::uint64_t>() <= INT64_MAX;
     const std::int64_t number = whole ? found->get<std::int64_t>() : 0;
     if (!whole || number < min || number > max)
         fail(Exit::kUsage, "\"{}\" must be an integer from {} to {}", name, min, max);
     return number;
+}
+
+// The first line of what the check told, for who asked for it.
+std::string first_finding(const std::string& output) {
+    const std::string line = output.substr(0, output.find('\n'));
+    return line.empty() ? line : "; the first finding: " + line;
 }
 
 bool waits(const Json& request) {
@@ -104,6 +112,7 @@ Service::Service(ServiceOptions options, ConfigFile config)
       store_(configuration_.text(ServiceKey::kIncomingDir)),
       builds_(loop_, store_, configuration_,
               [this] {
+                  if (const Json& map = builds_.last_map(); map.is_object()) served_.learn(map);
                   if (!options_.metrics_path.empty())
                       metrics_soon_ = loop_.after({}, [this] { write_metrics(); });
               }),
@@ -129,13 +138,14 @@ void Service::take_signals() {
         loop_.on_signal(SIGUSR1, [this] { flusher_.flush([](const WorkResult&) {}); }));
 }
 
-void Service::run() {
+bool Service::run() {
     loop_.watch_over();
     begin_start();
     loop_.run();
     incoming_.reset();
     socket_.reset();
     log_info("ended; shared objects stay for smbd");
+    return !failed_;
 }
 
 void Service::begin_start() {
@@ -143,7 +153,14 @@ void Service::begin_start() {
     Job start;
     start.kind = JobKind::kStart;
     start.on_end = [this](const WorkResult&) {
-        if (!stopping_) become_ready();
+        if (stopping_) return;
+        try {
+            become_ready();
+        } catch (const CommandError& error) {
+            log_error("{}", error.message);
+            failed_ = true;
+            loop_.stop();
+        }
     };
     builds_.add(std::move(start));
 }
@@ -151,6 +168,7 @@ void Service::begin_start() {
 // Pairs come last: nothing is built before it is known what is served.
 void Service::become_ready() {
     apply();
+    store_.make_folders();
     for (const TakenPair& pair : store_.left_over()) builds_.add_pair(pair);
     incoming_ = std::make_unique<Incoming>(
         loop_, store_, seconds(configuration_.number(ServiceKey::kStaleHalf)),
@@ -175,15 +193,23 @@ void Service::apply() {
     resize_until_done();
 }
 
-// A buffer is exchanged while it is empty, and at a busy share that takes more than one try.
-void Service::resize_until_done() {
+// True when there is nothing to be tried again.
+bool Service::resize_now() {
     try {
-        if (resize_staging(wanted_staging(configuration_))) return;
+        return resize_staging(wanted_staging(configuration_));
     } catch (const CommandError& error) {
         log_error("{}", error.message);
-        return;
+        return true;
     }
-    flusher_.flush([](const WorkResult&) {});
+}
+
+// A buffer is exchanged while it is empty, as it is right after a flush, if ever at a busy share.
+// Even there that may take more than one try.
+void Service::resize_until_done() {
+    if (resize_now()) return;
+    flusher_.flush([this](const WorkResult&) {
+        if (resize_now()) resize_.reset();
+    });
     resize_ = loop_.after(kResizePeriod, [this] { resize_until_done(); });
 }
 
@@ -194,18 +220,22 @@ void Service::reload() {
         for (const kvadmin::ConfigProblem& problem : fresh.problems)
             log_error("{}", line_for(fresh, problem));
         if (!fresh.problems.empty()) fail(Exit::kInvalidInput, "the configuration stays as it was");
-        const Configuration old = std::exchange(configuration_, fresh.configuration);
-        if (old.text(PARAM_SOCKET_PATH) != configuration_.text(PARAM_SOCKET_PATH) ||
-            old.text(ServiceKey::kIncomingDir) != configuration_.text(ServiceKey::kIncomingDir))
+        if (!fresh.exists && file_.exists)
+            fail(Exit::kFailure, "there is no {}; the configuration stays as it was", fresh.path);
+        make_event_folders(fresh.configuration);
+        if (fresh.configuration.text(PARAM_SOCKET_PATH) != socket_->path() ||
+            fresh.configuration.text(ServiceKey::kIncomingDir) != store_.incoming())
             log_warning("a new socket path or incoming dir takes effect at the next start");
+        // Whoever looks into the table for the socket must find the one that is there.
+        fresh.configuration.set_text(PARAM_SOCKET_PATH, socket_->path());
+        file_ = std::move(fresh);
         write_table(configuration_);
-        make_event_folders(configuration_);
         if (ready_) apply();
         log_info("read {} again", options_.config_path);
     } catch (const CommandError& error) {
         log_error("{}", error.message);
     }
-    notify("READY=1");
+    if (ready_) notify("READY=1");
 }
 
 void Service::stop() {
@@ -228,8 +258,8 @@ void Service::stop() {
 void Service::answer(const Json& request, const ControlSocket::Reply& reply) {
     const std::string command = request["command"];
     try {
-        if (stopping_) fail(Exit::kFailure, "the service is ending");
         if (command == "status") return reply(success(status()));
+        if (stopping_) fail(Exit::kFailure, "the service is ending");
         if (command == "load") return answer_load(request, reply);
         if (command == "rollback") return answer_rollback(request, reply);
         if (command == "flush") return answer_flush(reply);
@@ -244,6 +274,8 @@ void Service::answer(const Json& request, const ControlSocket::Reply& reply) {
         add_job(std::move(job), true, reply);
     } catch (const CommandError& error) {
         reply(refusal(error.code, error.message));
+    } catch (const std::exception& error) {
+        reply(refusal(Exit::kFailure, error.what()));
     }
 }
 
@@ -254,7 +286,7 @@ void Service::add_job(Job job, bool wait, const ControlSocket::Reply& reply) {
             if (result.done)
                 reply(success({{"job", *number}, {"map", result.value["map"]}}));
             else
-                reply(refusal(result.code, result.error));
+                reply(refusal(result.code, result.error + first_finding(result.output)));
         };
     *number = builds_.add(std::move(job));
     if (!wait) reply(success({{"job", *number}}));
@@ -275,13 +307,19 @@ void Service::answer_rollback(const Json& request, const ControlSocket::Reply& r
     const auto given = request.find("to");
     if (given != request.end() && !given->is_null()) {
         job.to = static_cast<unsigned>(number_member(request, "to", 1, INT32_MAX));
+        const std::vector<kvadmin::MapRecord> kept = kvadmin::kept_maps();
+        if (std::none_of(kept.begin(), kept.end(),
+                         [&job](const auto& record) { return record.number == job.to; }))
+            fail(Exit::kUsage, "there is no kept map {}; 'kavrinctl map history' lists them",
+                 job.to);
         return add_job(std::move(job), true, reply);
     }
     const std::optional<ServedMap> served = served_.now();
     for (const kvadmin::MapRecord& record : kvadmin::kept_maps()) {
         const bool older =
             !served || served->record.number == 0 || record.number < served->record.number;
-        if (!older || record.published == 0) continue;
+        const bool same = served && record.sha256 == served->record.sha256;
+        if (!older || same || record.published == 0) continue;
         job.to = record.number;
         return add_job(std::move(job), true, reply);
     }

@@ -32,8 +32,8 @@ class Service {
 public:
     // Takes the lock and the shared objects. Fails by CommandError.
     Service(ServiceOptions options, kvadmin::ConfigFile config);
-    // Until a signal ends it.
-    void run();
+    // Until a signal ends it; false when it could not start.
+    bool run();
 
 private:
     void take_signals();
@@ -41,6 +41,7 @@ private:
     void become_ready();
     void reload();
     void apply();
+    bool resize_now();
     void resize_until_done();
     void stop();
     void answer(const Json& request, const ControlSocket::Reply& reply);
@@ -63,6 +64,7 @@ private:
     std::time_t started_ = std::time(nullptr);
     bool ready_ = false;
     bool stopping_ = false;
+    bool failed_ = false;
     ServedMaps served_;
     Builds builds_;
     Flusher flusher_;

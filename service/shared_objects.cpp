@@ -53,10 +53,12 @@ bool adopt_table() {
     int id = -1;
     const std::optional<shmid_ds> status = segment_of(kTableProject, id);
     if (!status) return false;
-    if (status->shm_segsz != kTableSize || status->shm_perm.uid != 0) {
+    const ipc_perm& owner = status->shm_perm;
+    if (status->shm_segsz != kTableSize || owner.uid != 0 || owner.cuid != 0) {
         log_warning(
-            "the configuration table {} has {} bytes and belongs to uid {}; it is made anew", id,
-            status->shm_segsz, status->shm_perm.uid);
+            "the configuration table {} has {} bytes, belongs to uid {} and was made by uid {}; it "
+            "is made anew",
+            id, status->shm_segsz, owner.uid, owner.cuid);
         shmctl(id, IPC_RMID, nullptr);
         return false;
     }
@@ -79,7 +81,10 @@ void take_semaphore() {
     if (value < 0)
         fail(Exit::kFailure, "cannot make the staging buffer's semaphore: {}; see 'ipcs -ls'",
              std::strerror(errno));
-    if (value <= 1) return;
+    // One that was made and never used is 0 because its maker died before setting it.
+    semid_ds state{};
+    const bool unset = value == 0 && semctl(set, 0, IPC_STAT, &state) == 0 && state.sem_otime == 0;
+    if (value <= 1 && !unset) return;
     log_warning("the staging buffer's semaphore was {}; it is 1 now", value);
     semctl(set, 0, SETVAL, 1);
 }
@@ -190,6 +195,11 @@ void take_staging() {
 }
 
 bool resize_staging(std::size_t wanted) {
+    if (staging_size() == 0) {
+        set_staging_size(wanted);
+        make_staging();
+        log_warning("the staging buffer was gone; it was made anew");
+    }
     const std::size_t size = staging_size();
     set_staging_size(size);
     if (size == wanted) return true;

@@ -24,6 +24,7 @@ using kvadmin::Exit;
 using kvadmin::fail;
 
 constexpr std::size_t kMostOutput = 64 * 1024;
+constexpr std::size_t kMostAnswer = 256 * 1024 * 1024;
 
 Descriptor anonymous_file(const char* name) {
     Descriptor file(memfd_create(name, MFD_CLOEXEC));
@@ -31,11 +32,10 @@ Descriptor anonymous_file(const char* name) {
     return file;
 }
 
-std::string content_of(int file) {
+std::string content_of(int file, std::size_t limit) {
     struct stat st {};
     if (fstat(file, &st) != 0) return {};
-    std::string text(std::min<std::size_t>(static_cast<std::size_t>(st.st_size), kMostOutput),
-                     '\0');
+    std::string text(std::min<std::size_t>(static_cast<std::size_t>(st.st_size), limit), '\0');
     const ssize_t got = pread(file, text.data(), text.size(), 0);
     text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
     return text;
@@ -45,7 +45,8 @@ Json answer_of(const Worker::Work& work) {
     try {
         return {{"value", work()}};
     } catch (const CommandError& error) {
-        return {{"code", static_cast<int>(error.code)}, {"error", error.message}};
+        return {
+            {"code", static_cast<int>(error.code)}, {"error", error.message}, {"busy", error.busy}};
     } catch (const std::exception& error) {
         return {{"code", static_cast<int>(Exit::kFailure)}, {"error", error.what()}};
     }
@@ -84,12 +85,20 @@ Worker::Worker(EventLoop& loop, std::string what, const Work& work, End on_end)
     process_ = fork();
     if (process_ < 0) fail(Exit::kFailure, "cannot start a process: {}", std::strerror(errno));
     if (process_ == 0) be_the_process(work, parent, answer_.get(), output_.get());
-    source_ = loop.on_exit_of(process_, [this](const siginfo_t& info) { take_end(info); });
+    try {
+        source_ = loop.on_exit_of(process_, [this](const siginfo_t& info) { take_end(info); });
+    } catch (...) {
+        end_at_once();  // nobody would hear of its end
+        throw;
+    }
 }
 
 Worker::~Worker() {
     source_.reset();
-    if (ended_ || process_ < 0) return;
+    if (!ended_) end_at_once();
+}
+
+void Worker::end_at_once() const {
     kill(process_, SIGKILL);
     while (waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
     }
@@ -109,9 +118,10 @@ void Worker::take_end(const siginfo_t& info) {
 
 WorkResult Worker::result_of(const siginfo_t& info) const {
     WorkResult result;
-    result.output = content_of(output_.get());
-    const Json answer = Json::parse(content_of(answer_.get()), nullptr, false);
+    result.output = content_of(output_.get(), kMostOutput);
+    const Json answer = Json::parse(content_of(answer_.get(), kMostAnswer), nullptr, false);
     if (!answer.is_object()) {
+        result.died = true;
         result.error = death_of(what_, info);
     } else if (answer.contains("value")) {
         result.done = true;
@@ -120,6 +130,7 @@ WorkResult Worker::result_of(const siginfo_t& info) const {
     } else {
         result.code = static_cast<Exit>(answer.value("code", 1));
         result.error = answer.value("error", "");
+        result.busy = answer.value("busy", false);
     }
     return result;
 }

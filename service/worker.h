@@ -21,6 +21,8 @@ using Json = nlohmann::ordered_json;
 
 struct WorkResult {
     bool done = false;
+    bool busy = false;  // it failed because somebody else is at it
+    bool died = false;  // without an answer
     kvadmin::Exit code = kvadmin::Exit::kFailure;
     std::string error;   // one line; empty when done
     std::string output;  // what the process wrote to standard output and standard error
@@ -42,6 +44,7 @@ public:
     void interrupt() const;  // asks it to end: a build undoes what it did
 
 private:
+    void end_at_once() const;
     void take_end(const siginfo_t& info);
     WorkResult result_of(const siginfo_t& info) const;
 

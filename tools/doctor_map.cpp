@@ -22,13 +22,13 @@
 #include "failure.h"
 #include "image_check.h"
 #include "logging.h"
+#include "map_tables.h"
 #include "persisted_copy.h"
 #include "service_client.h"
 
 namespace kvadmin::doctor {
 namespace {
 
-constexpr const char* kBuildFolder = "/etc/kavrin";
 constexpr const char* kLoadLog = "/var/log/kavrin_perms.log";
 constexpr const char* kBuilding = "a build is at work; ask again when it is done";
 constexpr int kLooks = 3;
@@ -62,7 +62,7 @@ std::string name_in_locks(const char* path) {
 
 // Whether somebody holds the lock of a build. Looked up, not tried: a try would be in the way.
 bool is_build_running() {
-    const std::string name = name_in_locks(kBuildFolder);
+    const std::string name = name_in_locks(kBuildLockPath);
     std::ifstream locks("/proc/locks");
     for (std::string line; !name.empty() && std::getline(locks, line);)
         if (line.find(" FLOCK ") != std::string::npos &&

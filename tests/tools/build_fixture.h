@@ -23,8 +23,9 @@
 #include "command.h"
 #include "image_check.h"
 #include "map_publish.h"
-#include "whole_file.h"
+#include "map_tables.h"
 #include "support.h"
+#include "whole_file.h"
 
 namespace kvtest {
 
@@ -80,6 +81,12 @@ inline Node tree_of(std::size_t folders, std::size_t files) {
         shared.children.push_back(std::move(folder));
     }
     return {"/", {}, {{1000, 8}}, {std::move(shared)}};
+}
+
+// The lock that every build takes, not taken yet.
+inline int open_build_lock() {
+    kvadmin::make_folder("/run/kavrin", 0755);
+    return open(kvadmin::kBuildLockPath, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
 }
 
 class BuildTest : public testing::Test {
@@ -188,7 +195,7 @@ protected:
 
     // The lock goes with the last process of a build; one that is being killed may take a moment.
     static void wait_for_lock() {
-        const int fd = open("/etc/kavrin", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const int fd = open_build_lock();
         ASSERT_GE(fd, 0);
         for (int i = 0; i < 2000 && flock(fd, LOCK_EX | LOCK_NB) != 0; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));

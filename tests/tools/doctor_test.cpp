@@ -1,6 +1,8 @@
 // kavrinctl doctor on a server on which nothing is wrong, and on one where one thing is: the check
 // it belongs to finds it and says what mends it, and no other check is troubled.
 #include "doctor_fixture.h"
+#include "map_tables.h"
+#include "whole_file.h"
 
 namespace kvtest {
 namespace {
@@ -250,7 +252,8 @@ TEST_F(DoctorTest, FindsASegmentThatAnInterruptedBuildLeft) {
 
 TEST_F(DoctorTest, TellsNothingOfABuildAtWork) {
     ASSERT_GE(shmget(kvadmin::map_segment(1 - served_table()).key, 4096, IPC_CREAT), 0);
-    const int lock = open("/etc/kavrin", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    kvadmin::make_folder("/run/kavrin", 0755);
+    const int lock = open(kvadmin::kBuildLockPath, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(flock(lock, LOCK_EX), 0);
     std::string text = read_file(kPersistedMap);
     text[0] ^= 1;

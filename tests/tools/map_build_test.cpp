@@ -155,7 +155,7 @@ TEST_F(MapBuild, OnlyRootBuilds) {
 TEST_F(MapBuild, SecondBuildAtTheSameTimeIsTurnedAway) {
     build_generation(1);
     write_generation(2);
-    const int fd = open("/etc/kavrin", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd = open_build_lock();
     ASSERT_EQ(flock(fd, LOCK_EX | LOCK_NB), 0);
     const ChildResult result = build();
     EXPECT_EQ(result.exit_code, kFailure);
@@ -172,7 +172,7 @@ TEST_F(MapBuild, LockIsHeldFromTheCheckUntilTheFilesAreGone) {
     int* busy = static_cast<int*>(
         mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     const ChildResult result = build_observed([busy](BuildStep) {
-        const int fd = open("/etc/kavrin", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const int fd = open_build_lock();
         if (flock(fd, LOCK_EX | LOCK_NB) != 0) ++*busy;
         close(fd);
     });

@@ -128,7 +128,7 @@ TEST_F(MapLoad, CopyOfAnInterruptedBuildIsPutBackFirst) {
 
 TEST_F(MapLoad, LoadAndBuildExcludeEachOther) {
     build_generation(5);
-    const int fd = open("/etc/kavrin", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd = open_build_lock();
     ASSERT_EQ(flock(fd, LOCK_EX | LOCK_NB), 0);
     EXPECT_EQ(load().exit_code, kFailure);
     close(fd);
