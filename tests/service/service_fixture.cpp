@@ -31,9 +31,11 @@ constexpr key_t kTableKeys[] = {0x70657269, 0x7065726A};
 constexpr int kProjects[] = {3456, 1234};
 constexpr int kSemaphoreProjects[] = {7065, 2345};
 
-pid_t start(const char* program, const std::vector<std::string>& options, int out, int err) {
+pid_t start(const char* program, const std::vector<std::string>& options, int out, int err,
+            const std::function<void()>& before_exec = {}) {
     const pid_t child = fork();
     if (child != 0) return child;
+    if (before_exec) before_exec();
     const int null = open("/dev/null", O_RDWR);
     dup2(null, STDIN_FILENO);
     dup2(out < 0 ? null : out, STDOUT_FILENO);
@@ -114,11 +116,12 @@ std::vector<std::string> names_in(const std::string& folder) {
     return names;
 }
 
-RunningService::RunningService(std::vector<std::string> options)
+RunningService::RunningService(std::vector<std::string> options,
+                               const std::function<void()>& before_exec)
     : log_path_(make_temp_dir() + "/log") {
     options.insert(options.begin(), "--foreground");
     const int log = open(log_path_.c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600);
-    pid_ = start(KAVRIND, options, log, log);
+    pid_ = start(KAVRIND, options, log, log, before_exec);
     close(log);
 }
 

@@ -38,7 +38,9 @@ std::vector<std::string> names_in(const std::string& folder);
 // A running service. Ends it (SIGKILL) with the object.
 class RunningService {
 public:
-    explicit RunningService(std::vector<std::string> options = {});
+    // `before_exec` runs in the new process: environment, limits.
+    explicit RunningService(std::vector<std::string> options = {},
+                            const std::function<void()>& before_exec = {});
     ~RunningService();
     RunningService(const RunningService&) = delete;
     RunningService& operator=(const RunningService&) = delete;
