@@ -149,6 +149,7 @@ unsigned keep_map(MapRecord record, std::span<const std::uint8_t> image) {
     if (!known.empty() && known.front().sha256 == record.sha256) {
         record.number = known.front().number;
         record.published = known.front().published;
+        write_whole_file(kept_image_path(record.number), image, 0600);  // whatever lies there
         write_record(record);
         return record.number;
     }

@@ -212,8 +212,7 @@ void Incoming::begin(const std::string& name, Side side) {
 void Incoming::arrive(const std::string& name, Side side, std::uint32_t mask) {
     const std::string path = store_.incoming() + "/" + file_of(name, side);
     const bool there = is_regular(path);
-    if (there && pairs_[name].halves[kSize].claimed && pairs_[name].halves[kData].claimed)
-        commit(name);
+    if (there && is_whole(name, pairs_[name])) commit(name);
     Pair& pair = pairs_[name];
     Half& half = pair.halves[side];
     const Identity identity = identity_of(there ? path : store_.claim_path(file_of(name, side)));
@@ -226,6 +225,17 @@ void Incoming::arrive(const std::string& name, Side side, std::uint32_t mask) {
     pair.turn = ++turns_;
     pair.reported = false;
     look_again_in(name, kShortMoment);
+}
+
+// Both lie in the work folder, and neither was moved before its arrival was told: such a one is of
+// the next pair.
+bool Incoming::is_whole(const std::string& name, const Pair& pair) const {
+    const auto is_told = [&](Side side) {
+        const Half& half = pair.halves[side];
+        return half.claimed && identity_of(store_.claim_path(file_of(name, side))) == half.identity;
+    };
+    return pair.halves[kSize].arrivals == pair.halves[kData].arrivals && is_told(kSize) &&
+           is_told(kData);
 }
 
 // Our own moves come here too, and so does a producer that takes a file back.

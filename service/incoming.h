@@ -79,6 +79,7 @@ private:
     void look_again_in(const std::string& name, std::chrono::milliseconds delay);
     void judge(const std::string& name);
     bool claim(const std::string& name, Pair& pair, Side side);
+    bool is_whole(const std::string& name, const Pair& pair) const;
     void commit(const std::string& name);
     static Identity identity_of(const std::string& path);
     void report_stale();

@@ -49,7 +49,7 @@ protected:
     }
 
     static void expect_no_failure() {
-        EXPECT_TRUE(is_idle());
+        EXPECT_TRUE(is_idle()) << status_now();
         expect_nothing_left();
         EXPECT_EQ(left_in_incoming(), std::vector<std::string>{});
         EXPECT_EQ(names_in(kQuarantine), std::vector<std::string>{});
@@ -87,7 +87,7 @@ TEST_F(ServiceStream, TwentyPairsASecondUnderOneNameAreServedWhole) {
     ASSERT_TRUE(service.ready()) << service.log();
     deliver_stream([](unsigned) { return "same"; });
     expect_no_failure();
-    EXPECT_GE(counter("builds"), 1U);
+    EXPECT_TRUE(counter("builds") >= 1 && !HasFailure()) << service.log();
 }
 
 TEST_F(ServiceStream, TwentyPairsASecondUnderTheirOwnNamesAreAllAccountedFor) {
@@ -163,7 +163,7 @@ TEST_F(ServiceStream, APairThatIsWrittenToWhileItIsBuiltIsLookedAtAgain) {
         }
         ASSERT_TRUE(is_idle()) << service.log();
         const long served = served_generation();  // and it is a whole one
-        EXPECT_EQ(served, looked_again() ? 6 : 3) << service.log();
+        EXPECT_TRUE(served == 6 || (served == 3 && !looked_again())) << served << service.log();
     }
     EXPECT_TRUE(looked_again()) << service.log();
     expect_no_failure();
