@@ -14,7 +14,7 @@ class Service500Generations : public SurvivalTest {
 protected:
     static constexpr unsigned kGenerations = 500;
     static constexpr unsigned kWarm = 20;     // until then memory may grow to its size
-    static constexpr long kGrowthKib = 1024;  // for 480 generations
+    static constexpr long kGrowthKib = kKeptKib / 4;  // for 480 generations
 
     // Every tenth one comes through the incoming folder; for the others nobody waits for quiet.
     void publish_generation(unsigned generation) {

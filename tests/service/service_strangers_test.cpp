@@ -254,7 +254,7 @@ TEST_F(ServiceStrangers, AClientThatNeverReadsHoldsNobodyUp) {
     EXPECT_TRUE(stuck) << "40 MB of requests were taken";
     for (int i = 0; i < 20; ++i) EXPECT_TRUE(is_heard());
     serve(1);
-    EXPECT_LT(resident_kib_of(service().pid()), before + 4 * 1024) << "answers pile up";
+    EXPECT_LT(resident_kib_of(service().pid()), before + kKeptKib) << "answers pile up";
 }
 
 TEST_F(ServiceStrangers, ADeadOnesSocketIsReplacedAndAnotherFileIsNot) {

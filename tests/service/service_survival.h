@@ -49,7 +49,13 @@ protected:
 
     static std::int32_t shared_number(e_kavrin_global_index_t slot);  // of the shared table
     static std::size_t descriptors_of(pid_t process);
+    // In KiB, and what it may grow by without a leak; a sanitizer keeps what was freed for a while.
     static long resident_kib_of(pid_t process);
+#ifdef __SANITIZE_ADDRESS__
+    static constexpr long kKeptKib = 128 * 1024;
+#else
+    static constexpr long kKeptKib = 4 * 1024;
+#endif
 
     // As smbd does: with the shared table, in another process.
     static void stage_events(int first, int count);
