@@ -14,6 +14,7 @@
 #include "command.h"
 #include "kavrin.h"
 #include "terminal.h"
+#include "user_options.h"
 #include "utf8.h"
 #include "verdict_child.h"
 
@@ -206,14 +207,7 @@ void add_options(CLI::App& command, Options& options) {
         .add_option("--groups", options.groups,
                     "With --uid: the supplementary groups, by ids or names, separated by commas")
         ->type_name("GROUP,...");
-    command
-        .add_option("--admin", options.admin,
-                    fmt::format("The administrators' group (default: {})", kAdminsGroup))
-        ->type_name("GROUP");
-    command
-        .add_option("--power", options.power,
-                    fmt::format("The power users' group (default: {})", kPowerUsersGroup))
-        ->type_name("GROUP");
+    add_reserved_group_options(command, options.admin, options.power);
     command.add_option("--root", options.root, "The share's folder on this machine")
         ->type_name("DIR")
         ->required();

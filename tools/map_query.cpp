@@ -6,10 +6,10 @@
 #include <pwd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
+#include "asking_samba.h"
 #include "command.h"
 #include "explain.h"
 #include "kavrin_perms.h"
@@ -21,24 +21,10 @@ namespace {
 
 constexpr std::size_t kLongestPath = 4095;
 
-bool asking_samba = false;
-
-// The library ends the process without a word when it needs Samba's comparison of names and has no
-// Samba; this says why.
-void explain_missing_samba() {
-    if (asking_samba)
-        std::fputs(
-            "kavrinctl: comparing names outside ASCII needs Samba's libraries; install the package "
-            "samba-libs\n",
-            stderr);
-}
-
 void require_samba_for(const std::string& path) {
     if (std::all_of(path.begin(), path.end(), [](char c) { return (c & 0x80) == 0; })) return;
-    static const bool watched = std::atexit(explain_missing_samba) == 0;
-    asking_samba = watched;
+    const AskingSamba asking;
     init_samba_lib_handle();
-    asking_samba = false;
 }
 
 std::string normalised(const std::string& path) {

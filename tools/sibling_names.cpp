@@ -2,10 +2,9 @@
 #include "sibling_names.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <tuple>
 
+#include "asking_samba.h"
 #include "kavrin_utils.h"
 #include "perm_utils.h"
 
@@ -14,23 +13,9 @@ namespace {
 
 constexpr int kBothExtended = 2;
 
-bool asking_samba = false;
-
-// The library ends the process without a word when it needs Samba's comparison and has no Samba.
-void explain_missing_samba() {
-    if (asking_samba)
-        std::fputs(
-            "kavrinctl: comparing names outside ASCII needs Samba's libraries; install the package "
-            "samba-libs\n",
-            stderr);
-}
-
 bool same_to_samba(const std::string& a, const std::string& b) {
-    static const bool watched = std::atexit(explain_missing_samba) == 0;
-    asking_samba = watched;
-    const bool same = strncasecmp_m_wrapper(a.c_str(), b.c_str(), a.size()) == 0;
-    asking_samba = false;
-    return same;
+    const AskingSamba asking;
+    return strncasecmp_m_wrapper(a.c_str(), b.c_str(), a.size()) == 0;
 }
 
 // For names of the same hash and length, as the lookup compares them.

@@ -29,15 +29,19 @@ void add_map_option(CLI::App& command, std::string& file) {
         ->type_name("FILE");
 }
 
-void add_standing_options(CLI::App& command, UserOptions& options) {
+void add_reserved_group_options(CLI::App& command, std::string& admin, std::string& power) {
     command
-        .add_option("--admin", options.admin,
+        .add_option("--admin", admin,
                     fmt::format("The administrators' group (default: {})", kAdminsGroup))
         ->type_name("GROUP");
     command
-        .add_option("--power", options.power,
+        .add_option("--power", power,
                     fmt::format("The power users' group (default: {})", kPowerUsersGroup))
         ->type_name("GROUP");
+}
+
+void add_standing_options(CLI::App& command, UserOptions& options) {
+    add_reserved_group_options(command, options.admin, options.power);
     command
         .add_option("--root", options.root,
                     "The share's folder on this machine, to tell files from folders and whose the "

@@ -19,6 +19,9 @@ namespace kvadmin {
 // --map, and --file as the older commands call it.
 void add_map_option(CLI::App& command, std::string& file);
 
+// --admin and --power: the groups whose members count as administrators and power users.
+void add_reserved_group_options(CLI::App& command, std::string& admin, std::string& power);
+
 // The options of the commands that show a user's rights.
 struct UserOptions {
     std::string user;  // a name or a uid

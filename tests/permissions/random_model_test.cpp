@@ -6,6 +6,7 @@
 #include <random>
 #include <sstream>
 
+#include "chance.h"
 #include "model.h"
 #include "verdict_fixture.h"
 
@@ -16,30 +17,6 @@ constexpr unsigned kTrees = 30;
 constexpr unsigned kLookupsPerTree = 400;
 constexpr unsigned kCallersPerTree = 12;
 constexpr unsigned kQuestionsPerCaller = 40;
-
-// --- chance ----------------------------------------------------------------------------------
-
-class Chance {
-public:
-    explicit Chance(unsigned seed) : engine_(seed) {}
-    // 0 to count - 1. Not std::uniform_int_distribution: its draws differ between libraries.
-    unsigned below(unsigned count) { return static_cast<unsigned>(engine_()) % count; }
-    bool one_in(unsigned count) { return below(count) == 0; }
-    template <typename Container>
-    const auto& of(const Container& container) {
-        return container[below(static_cast<unsigned>(std::size(container)))];
-    }
-    std::string recased(std::string text) {
-        for (char& c : text) {
-            const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-            if (letter && one_in(2)) c = static_cast<char>(c ^ 0x20);
-        }
-        return text;
-    }
-
-private:
-    std::mt19937 engine_;
-};
 
 // Few enough that siblings meet, paths hit, and hashes of names that differ outside ASCII collide.
 const std::vector<std::string> kNames = {

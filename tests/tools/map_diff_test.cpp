@@ -155,7 +155,7 @@ TEST_F(MapDiffTest, NamesAreComparedAsTheShareDoes) {
 // --- held against the model ------------------------------------------------------------------
 
 // A map that has something in common with the first one.
-void mutate(Dice& dice, Node& node) {
+void mutate(Chance& dice, Node& node) {
     if (dice.one_in(8)) fill_random_acl(dice, node);
     if (dice.one_in(12) && !node.children.empty())
         node.children.erase(node.children.begin() +
@@ -196,7 +196,7 @@ TEST_F(MapDiffTest, ItWidensExactlyWhenTheModelFindsSomebodyWhoGains) {
     unsigned kept = 0;
     const std::vector<model::Caller> callers = everybody();
     for (unsigned seed = 1; seed <= 150; ++seed) {
-        Dice dice(seed);
+        Chance dice(seed);
         const Node before = random_map(dice);
         Node after = before;
         if (dice.one_in(3)) {

@@ -3,40 +3,18 @@
 // The seeds are the tests', so a failure can be had again.
 #pragma once
 
-#include <random>
 #include <string>
 #include <vector>
 
+#include "chance.h"
 #include "support.h"
 
 namespace kvtest {
 
-class Dice {
-public:
-    explicit Dice(unsigned seed) : engine_(seed) {}
-    // 0 to count - 1. Not std::uniform_int_distribution: its draws differ between libraries.
-    unsigned below(unsigned count) { return static_cast<unsigned>(engine_()) % count; }
-    bool one_in(unsigned count) { return below(count) == 0; }
-    template <typename Container>
-    const auto& of(const Container& container) {
-        return container[below(static_cast<unsigned>(std::size(container)))];
-    }
-    std::string recased(std::string text) {
-        for (char& c : text) {
-            const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-            if (letter && one_in(2)) c = static_cast<char>(c ^ 0x20);
-        }
-        return text;
-    }
-
-private:
-    std::mt19937 engine_;
-};
-
 inline const std::vector<std::uint32_t> kMapUsers = {2001, 2002, 2003, 2004};
 inline const std::vector<std::uint32_t> kMapGroups = {7003, 7004, 7005, 7100};
 
-inline void fill_random_acl(Dice& dice, Node& node) {
+inline void fill_random_acl(Chance& dice, Node& node) {
     static const std::vector<std::uint32_t> masks = {0,  1,  3, 7,  7, 8, 8, 8,
                                                      16, 16, 9, 24, 2, 4, 6, 31};
     node.users.clear();
@@ -48,7 +26,7 @@ inline void fill_random_acl(Dice& dice, Node& node) {
         node.groups.emplace_back(dice.of(kMapGroups), dice.of(masks));
 }
 
-inline void add_random_children(Dice& dice, Node& node, unsigned depth, unsigned most) {
+inline void add_random_children(Chance& dice, Node& node, unsigned depth, unsigned most) {
     static const std::vector<std::string> names = {
         "Docs",  "docs2",       "Plan",         "a",
         "A b",   "report.txt",  "x.y.z",        "deep",
@@ -64,7 +42,7 @@ inline void add_random_children(Dice& dice, Node& node, unsigned depth, unsigned
     }
 }
 
-inline Node random_map(Dice& dice) {
+inline Node random_map(Chance& dice) {
     Node root{"/", {}, {}, {}};
     fill_random_acl(dice, root);
     for (const char* name : {"Shared", "Private", "Shared"}) {

@@ -27,7 +27,7 @@ using kvadmin::Situation;
 constexpr unsigned kTrees = 24;
 constexpr unsigned kCallers = 8;
 
-Who random_who(Dice& dice) {
+Who random_who(Chance& dice) {
     Who who;
     who.uid = dice.one_in(12) ? 0 : dice.of(kMapUsers);
     who.gid = dice.of(std::vector<gid_t>{7100, 7003, 7999});
@@ -151,7 +151,7 @@ protected:
     }
 
     void compare_tree(unsigned seed, Tally& sum) {
-        Dice dice(seed);
+        Chance dice(seed);
         const Node root = random_map(dice);
         publish(root);
         const std::vector<std::uint8_t> image = build_image(root);
@@ -212,7 +212,7 @@ TEST_F(RightsLaw, ElementsWhoseNamesNoPathHoldsAreToldApart) {
 
 TEST_F(RightsLaw, ATreeOfAPairIsTheTreeOfTheImageThatALoadBuilds) {
     for (unsigned seed = 500; seed < 540; ++seed) {
-        Dice dice(seed);
+        Chance dice(seed);
         Node root = random_map(dice);
         // The check refuses a trustee that is given twice.
         const auto once = [](auto& entries) {
