@@ -1,0 +1,278 @@
+/* Listing, making, renaming and removing; change of folder. A name that is made or removed is
+ * looked at in the folder that smbd holds open; clients cannot make links, so the way to it is what
+ * its path says (note 2). */
+#include "kavrin_module.h"
+
+#include "kavrin_vfs_utils.h"
+#include "processing_functions.h"
+
+/* A listing by a client was asked when the folder was opened; smbd's own ones are not. */
+DIR* kavrin_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
+                      uint32_t attributes) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    kv_perm_ctx_t* context = NULL;
+    int is_nav = 0;
+    bool became_root;
+    DIR* result;
+
+    if (geteuid() != 0 && !connection->is_scanning &&
+        VFS_FETCH_FSP_EXTENSION(handle, fsp) == NULL) {
+        char* path = kavrin_path_of(talloc_tos(), handle, fsp);
+        int refused;
+
+        if (path == NULL) return NULL;
+        kavrin_hook_begin(connection);
+        refused = fdopendir_preprocess(connection->share_root, path, 0, &connection->library,
+                                       &is_nav, &context);
+        kavrin_hook_end(&context);
+        TALLOC_FREE(path);
+        if (refused != 0) return NULL;
+    }
+    became_root = kavrin_root_begin();
+    result = SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
+    kavrin_root_end(became_root);
+    return result;
+}
+
+/* Whether an entry of a listing is shown. */
+static bool is_shown(struct kavrin_connection* connection, char* folder, const char* name) {
+    modify_file_evt_s_t listing = {.path = folder};
+    modify_file_evt_s_t* record = NULL;
+    const size_t size = strlen(folder) + strlen(name) + 2;
+    char* path = talloc_array(talloc_tos(), char, size);
+    char* base = NULL;
+    int verdict = KVPERMS_NO_PERM;
+
+    if (path == NULL) return false;
+    kavrin_hook_begin(connection);
+    connection->library.pmodify = &listing;
+    if (readdir_preprocess(&record, &base, &connection->library) == 0)
+        readir_postprocess(&verdict, name, base, path, (int)size, connection->share_root,
+                           &connection->library);
+    connection->library.pmodify = NULL;
+    kavrin_hook_end(NULL);
+    TALLOC_FREE(path);
+    return verdict == KVPERMS_HAS_PERMS;
+}
+
+struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                              DIR* dirp, SMB_STRUCT_STAT* sbuf) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    char* folder;
+    struct dirent* entry;
+
+    if (geteuid() == 0 || connection->is_scanning)
+        return SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
+    folder = kavrin_path_of(talloc_tos(), handle, dirfsp);
+    if (folder == NULL) return NULL;
+    do {
+        errno = 0;
+        entry = SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
+    } while (entry != NULL && !ISDOT(entry->d_name) && !ISDOTDOT(entry->d_name) &&
+             !is_shown(connection, folder, entry->d_name));
+    TALLOC_FREE(folder);
+    return entry;
+}
+
+/* The name as it is on the disk. smbd reads the whole folder for that, so only the name it found is
+ * asked; one that the user may not see was not found. */
+NTSTATUS kavrin_get_real_filename_at(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                                     const char* name, TALLOC_CTX* mem_ctx, char** found_name) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    char* folder;
+    char* path;
+    NTSTATUS status;
+
+    if (geteuid() == 0)
+        return SMB_VFS_NEXT_GET_REAL_FILENAME_AT(handle, dirfsp, name, mem_ctx, found_name);
+    connection->is_scanning = true;
+    status = get_real_filename_full_scan_at(dirfsp, name, false, mem_ctx, found_name);
+    connection->is_scanning = false;
+    if (!NT_STATUS_IS_OK(status)) return status;
+    folder = kavrin_path_of(talloc_tos(), handle, dirfsp);
+    path = folder == NULL ? NULL : kavrin_join(talloc_tos(), folder, *found_name);
+    if (path == NULL || kavrin_ask_stat(connection, path) != 0) {
+        TALLOC_FREE(*found_name);
+        status = NT_STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    TALLOC_FREE(path);
+    TALLOC_FREE(folder);
+    return status;
+}
+
+int kavrin_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                   const struct smb_filename* smb_fname, mode_t mode) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    kv_perm_ctx_t* context = NULL;
+    char* full_path = NULL;
+    char* path;
+    bool became_root;
+    bool is_decided;
+    int result = 0;
+
+    if (geteuid() == 0) return SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
+    path = kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
+    if (path == NULL) return -1;
+    is_decided = kavrin_is_decided(connection, path);
+    if (!is_decided) {
+        kavrin_hook_begin(connection);
+        result = mkdir_preprocess(connection->share_root, path, &full_path, &connection->library,
+                                  &context);
+        kavrin_hook_end(&context);
+    }
+    TALLOC_FREE(path);
+    if (result != 0) return -1;
+    became_root = kavrin_root_begin();
+    result = SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
+    kavrin_root_end(became_root);
+    kavrin_changed(connection);
+    if (is_decided) return result;
+    if (result != 0) {
+        const int error = errno;
+        free(full_path);
+        errno = error;
+        return -1;
+    }
+    kavrin_hook_begin(connection);
+    mkdir_postprocess(&connection->library, &full_path); /* frees it */
+    kavrin_hook_end(NULL);
+    return 0;
+}
+
+int kavrin_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdir_fsp,
+                    const struct smb_filename* smb_fname_src, struct files_struct* dstdir_fsp,
+                    const struct smb_filename* smb_fname_dst) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    kv_perm_ctx_t* context = NULL;
+    char *from, *to;
+    char *old_full_path = NULL, *new_full_path = NULL;
+    int is_folder = 0, is_nav = 0;
+    bool became_root;
+    int result;
+
+    if (geteuid() == 0)
+        return SMB_VFS_NEXT_RENAMEAT(handle, srcdir_fsp, smb_fname_src, dstdir_fsp, smb_fname_dst);
+    from = kavrin_path(talloc_tos(), handle, srcdir_fsp, smb_fname_src);
+    to = from == NULL ? NULL : kavrin_path(talloc_tos(), handle, dstdir_fsp, smb_fname_dst);
+    if (to == NULL) {
+        TALLOC_FREE(from);
+        return -1;
+    }
+    kavrin_hook_begin(connection);
+    result = rename_preprocess(from, to, connection->share_root, &context, &is_folder,
+                               &connection->library, &is_nav, &old_full_path, &new_full_path);
+    if (result != 0) context = NULL; /* used up by the hook */
+    kavrin_hook_end(&context);
+    TALLOC_FREE(from);
+    TALLOC_FREE(to);
+    if (result != 0) return -1;
+    became_root = kavrin_root_begin();
+    result = SMB_VFS_NEXT_RENAMEAT(handle, srcdir_fsp, smb_fname_src, dstdir_fsp, smb_fname_dst);
+    kavrin_root_end(became_root);
+    kavrin_changed(connection);
+    if (result == 0) {
+        kavrin_hook_begin(connection);
+        rename_postprocess(new_full_path, old_full_path, is_folder, &connection->library);
+        kavrin_hook_end(NULL);
+    }
+    const int error = errno;
+    free(old_full_path);
+    free(new_full_path);
+    errno = error;
+    return result;
+}
+
+int kavrin_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                    const struct smb_filename* smb_fname, int flags) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    const bool is_folder = (flags & AT_REMOVEDIR) != 0;
+    kv_perm_ctx_t* context = NULL;
+    char* full_path = NULL;
+    char* path;
+    bool became_root;
+    int result;
+
+    if (geteuid() == 0) return SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
+    path = kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
+    if (path == NULL) return -1;
+    kavrin_hook_begin(connection);
+    result = is_folder ? rmdir_preprocess(&full_path, connection->share_root, path,
+                                          &connection->library, &context)
+                       : unlink_preprocess(connection->share_root, path, &full_path,
+                                           &connection->library, &context);
+    kavrin_hook_end(&context);
+    TALLOC_FREE(path);
+    if (result != 0) return -1;
+    became_root = kavrin_root_begin();
+    result = SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
+    kavrin_root_end(became_root);
+    kavrin_changed(connection);
+    if (result == 0) {
+        kavrin_hook_begin(connection);
+        (is_folder ? rmdir_postprocess : unlink_postprocess)(full_path);
+        kavrin_hook_end(NULL);
+    }
+    const int error = errno;
+    free(full_path);
+    errno = error;
+    return result;
+}
+
+/* Whether the way to a folder is free of links (note 2). */
+static bool is_straight(const struct kavrin_connection* connection, const char* path) {
+    const bool became_root = kavrin_root_begin();
+    const int folder = kavrin_open_beneath(connection, path);
+    struct stat status;
+    bool straight = folder >= 0 && fstat(folder, &status) == 0;
+
+    if (straight && S_ISLNK(status.st_mode)) {
+        errno = ELOOP;
+        straight = false;
+    }
+    if (folder >= 0) {
+        const int error = errno;
+        close(folder);
+        errno = error;
+    }
+    kavrin_root_end(became_root);
+    return straight;
+}
+
+/* The share's root is asked by its own path, which everybody may enter: smbd cannot serve anybody
+ * who may not. smbd leaves the share as root when a connection ends. */
+int kavrin_chdir(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    kv_perm_ctx_t* context = NULL;
+    bool became_root;
+    char* path;
+    char* target;
+    int result = 0;
+
+    if (geteuid() != 0) {
+        path = kavrin_path(talloc_tos(), handle, NULL, smb_fname);
+        if (path == NULL) return -1;
+        kavrin_hook_begin(connection);
+        result = chdir_preprocess(strcmp(path, ".") == 0 ? connection->share_root : path,
+                                  connection->share_root, &connection->library, &context);
+        kavrin_hook_end(&context);
+        if (result == 0 && !is_straight(connection, path)) result = -1;
+        TALLOC_FREE(path);
+        if (result != 0) return -1;
+    }
+    target = smb_fname->base_name[0] == '/' || kavrin_folder() == NULL
+                 ? talloc_strdup(talloc_tos(), smb_fname->base_name)
+                 : talloc_asprintf(talloc_tos(), "%s/%s", kavrin_folder(), smb_fname->base_name);
+    if (target == NULL) {
+        errno = ENOMEM;
+        return -1;
+    }
+    became_root = kavrin_root_begin();
+    result = SMB_VFS_NEXT_CHDIR(handle, smb_fname);
+    kavrin_root_end(became_root);
+    if (result == 0 && !kavrin_set_folder(target)) {
+        errno = ENOMEM;
+        result = -1;
+    }
+    talloc_free(target);
+    return result;
+}

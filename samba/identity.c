@@ -1,0 +1,192 @@
+/* Who the process is. A hook changes uids by raw system calls and gives them back; smbd keeps an
+ * idea of its own, which become_root() keeps in step. So a hook is asked, and its credentials are
+ * given back at once, and only then the operation runs, as root by smbd's own means.
+ *
+ * A verdict that looks at the map leaves the effective gid 0, since the kernel refuses a user's
+ * process its way back. That one difference is put right here; any other ends the connection. */
+#include "kavrin_module.h"
+
+#include <sys/syscall.h>
+
+#include "kavrin_utils.h"
+#include "kavrin_vfs_utils.h"
+
+struct identity {
+    uid_t real_uid, effective_uid, saved_uid;
+    gid_t real_gid, effective_gid, saved_gid;
+    int group_count;
+    gid_t* groups;
+};
+
+/* As many groups as the kernel knows; touched only as far as they are used. */
+static gid_t groups_before[NGROUPS_MAX];
+static gid_t groups_after[NGROUPS_MAX];
+static struct identity before;
+static struct kavrin_connection* asking; /* null outside of a hook */
+static bool is_user_by_force;            /* between kavrin_user_begin() and its end */
+
+static volatile sig_atomic_t signals_received;
+
+static void on_signal(int number) {
+    (void)number;
+    signals_received++;
+}
+
+/* Note 7: the signal only counts itself. */
+void kavrin_note_signals(void) {
+    CatchSignal(SIGUSR1, on_signal);
+}
+
+static bool read_identity(struct identity* identity, gid_t* groups) {
+    identity->groups = groups;
+    identity->group_count = getgroups(NGROUPS_MAX, groups);
+    return identity->group_count >= 0 &&
+           getresuid(&identity->real_uid, &identity->effective_uid, &identity->saved_uid) == 0 &&
+           getresgid(&identity->real_gid, &identity->effective_gid, &identity->saved_gid) == 0;
+}
+
+static bool is_same_but_for_egid(const struct identity* a, const struct identity* b) {
+    return a->real_uid == b->real_uid && a->effective_uid == b->effective_uid &&
+           a->saved_uid == b->saved_uid && a->real_gid == b->real_gid &&
+           a->saved_gid == b->saved_gid && a->group_count == b->group_count &&
+           memcmp(a->groups, b->groups, (size_t)a->group_count * sizeof(gid_t)) == 0;
+}
+
+/* Raw calls change this thread only, never smbd's helper threads (note 6). */
+static void change_effective_uid(uid_t uid) {
+    if (syscall(SYS_setresuid, -1, uid, -1) != 0)
+        exit_server_cleanly("kavrin: the kernel refused a change of the effective uid");
+}
+
+static void restore_effective_gid(gid_t gid) {
+    const uid_t uid = geteuid();
+
+    change_effective_uid(0);
+    (void)syscall(SYS_setresgid, -1, gid, -1); /* looked at by the comparison that follows */
+    change_effective_uid(uid);
+}
+
+static void end_connection(const struct identity* after) {
+    DBG_ERR(
+        "identity not restored after a hook: uids %u,%u,%u are %u,%u,%u; gids %u,%u,%u are "
+        "%u,%u,%u; groups %d are %d. The connection ends.\n",
+        before.real_uid, before.effective_uid, before.saved_uid, after->real_uid,
+        after->effective_uid, after->saved_uid, before.real_gid, before.effective_gid,
+        before.saved_gid, after->real_gid, after->effective_gid, after->saved_gid,
+        before.group_count, after->group_count);
+    exit_server_cleanly("kavrin: identity not restored after a hook");
+}
+
+/* A group map that became unsafe serves nobody any more (note 11). */
+static void check_group_map(void) {
+    if (!kavrin_is_group_map_sound()) exit_server_cleanly("kavrin: the group map is not sound");
+}
+
+#ifdef KAVRIN_CHECK_IDENTITY
+/* The kernel keeps groups sorted, smbd as they came. */
+static bool has_groups_of(const struct identity* identity,
+                          const struct security_unix_token* token) {
+    for (uint32_t i = 0; i < token->ngroups; i++) {
+        int at = 0;
+
+        while (at < identity->group_count && identity->groups[at] != token->groups[i]) at++;
+        if (at == identity->group_count) return false;
+    }
+    return identity->group_count == (int)token->ngroups;
+}
+#endif
+
+/* A debug build compares what smbd thinks the process is with what it is. */
+static void check_identity(void) {
+#ifdef KAVRIN_CHECK_IDENTITY
+    const struct security_unix_token* token = get_current_utok(NULL);
+    struct identity now;
+
+    if (is_user_by_force) return;
+    if (!read_identity(&now, groups_after) || now.effective_uid != token->uid ||
+        now.effective_gid != token->gid || !has_groups_of(&now, token)) {
+        DBG_ERR("the process is %u:%u in %d groups, and smbd thinks it is %u:%u in %u\n",
+                now.effective_uid, now.effective_gid, now.group_count, (unsigned)token->uid,
+                (unsigned)token->gid, token->ngroups);
+        smb_panic("kavrin: identity check");
+    }
+#endif
+}
+
+/* Before a hook: notes who the process is, and answers signals, outside of any verdict. */
+void kavrin_hook_begin(struct kavrin_connection* connection) {
+    const int error = errno;
+
+    SMB_ASSERT(asking == NULL);
+    if (!read_identity(&before, groups_before))
+        exit_server_cleanly("kavrin: cannot read the process's identity");
+    asking = connection;
+    if (connection->signals != signals_received) {
+        connection->signals = signals_received;
+        check_group_map();
+        flush_perms_handler(SIGUSR1, &connection->library);
+    }
+    errno = error;
+}
+
+/* After it: gives its credentials back (note 5). */
+void kavrin_hook_end(kv_perm_ctx_t** context) {
+    const int error = errno;
+    struct identity after;
+
+    if (context != NULL && *context != NULL) {
+        kavrin_vfs_unbecome_root(*context);
+        *context = NULL;
+    }
+    if (getegid() != before.effective_gid) restore_effective_gid(before.effective_gid);
+    if (!read_identity(&after, groups_after) || !is_same_but_for_egid(&before, &after) ||
+        before.effective_gid != after.effective_gid)
+        end_connection(&after);
+    if (asking->library.refresh_creds.groupmap_refresh != asking->group_map_seen) {
+        asking->group_map_seen = asking->library.refresh_creds.groupmap_refresh;
+        check_group_map();
+    }
+    check_identity();
+    asking = NULL;
+    errno = error;
+}
+
+/* Around one call of the next module, which reaches the disk and no further. */
+bool kavrin_root_begin(void) {
+    if (geteuid() == 0) return false;
+    become_root();
+    return true;
+}
+
+void kavrin_root_end(bool became_root) {
+    const int error = errno;
+
+    if (became_root) unbecome_root();
+    check_identity();
+    errno = error;
+}
+
+/* For hooks that mean the user where smbd works as root: at connect, and when it closes what a dead
+ * connection left open. */
+bool kavrin_user_begin(const struct kavrin_connection* connection) {
+    const int error = errno;
+
+    if (geteuid() != 0 || connection->library.refresh_creds.euid == (uid_t)-1 ||
+        connection->library.refresh_creds.euid == 0)
+        return false;
+    change_effective_uid(connection->library.refresh_creds.euid);
+    is_user_by_force = true;
+    errno = error;
+    return true;
+}
+
+void kavrin_user_end(bool became_user) {
+    const int error = errno;
+
+    if (became_user) {
+        change_effective_uid(0);
+        is_user_by_force = false;
+    }
+    check_identity();
+    errno = error;
+}

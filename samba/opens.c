@@ -1,0 +1,384 @@
+/* Opening, writing and closing. smbd opens an object several times for one wish of a client: path
+ * references to find it, then the create call, and inside of that the real open. The create call is
+ * the wish: it is asked, and what it does to that very object is not asked again (note 9). */
+#include "kavrin_module.h"
+
+#include "kavrin_perms.h"
+#include "kavrin_vfs_utils.h"
+#include "lib/util/tevent_unix.h"
+#include "processing_functions.h"
+
+/* What counts as changing a file: its contents, its attributes, its name. */
+static const uint32_t writing_access =
+    SEC_FILE_WRITE_DATA | SEC_FILE_APPEND_DATA | SEC_FILE_WRITE_EA | SEC_FILE_WRITE_ATTRIBUTE |
+    SEC_STD_DELETE | SEC_STD_WRITE_DAC | SEC_STD_WRITE_OWNER | SEC_GENERIC_WRITE | SEC_GENERIC_ALL;
+
+static bool is_reopen(const struct smb_filename* name) {
+    return strncmp(name->base_name, "/proc/self/fd/", 14) == 0;
+}
+
+/* An open that no create call asked for: a durable handle that comes back, and whatever a later
+ * smbd thinks of. */
+static int ask_open(struct kavrin_connection* connection, const char* path, int flags) {
+    e_open_mode_t mode = mode2kavrinmode(flags);
+    e_fsop_type_t op = FSOP_INVAL;
+    char* full_path = get_full_path(connection->share_root, path);
+    kv_perm_ctx_t* context = NULL;
+    struct stat status;
+    int is_new = 0;
+    int result;
+
+    ZERO_STRUCT(status);
+    if (full_path == NULL) {
+        errno = ENOMEM;
+        return -1;
+    }
+    kavrin_hook_begin(connection);
+    result =
+        open_preprocess(connection->share_root, discard_const_p(char, path), &mode, &op, &full_path,
+                        &is_new, 0, &connection->library, &status, connection->client, &context, 0);
+    kavrin_hook_end(&context);
+    if (result == 0) {
+        const int error = errno;
+        free(full_path);
+        errno = error;
+    }
+    return result == 0 ? 0 : -1;
+}
+
+static bool is_asked(struct kavrin_connection* connection, const char* path, bool is_reference,
+                     const struct vfs_open_how* how) {
+    if (kavrin_is_decided(connection, path)) return true;
+    if (is_reference || (how->flags & O_DIRECTORY) != 0)
+        return kavrin_ask_stat(connection, path) == 0;
+    return ask_open(connection, path, how->flags) == 0;
+}
+
+/* The record of what was opened, for its writes and its close. */
+static struct kavrin_open* add_record(struct vfs_handle_struct* handle, files_struct* fsp,
+                                      const char* path) {
+    struct kavrin_open* open = VFS_FETCH_FSP_EXTENSION(handle, fsp);
+
+    if (open != NULL) return open;
+    open = VFS_ADD_FSP_EXTENSION(handle, fsp, struct kavrin_open, NULL);
+    if (open == NULL) return NULL;
+    open->record.path = talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, fsp), path);
+    return open;
+}
+
+static void remember_late_open(struct vfs_handle_struct* handle, files_struct* fsp,
+                               const char* path, int flags) {
+    struct kavrin_open* open = add_record(handle, fsp, path);
+
+    if (open != NULL) open->reads = (flags & O_ACCMODE) != O_WRONLY;
+}
+
+int kavrin_openat(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                  const struct smb_filename* smb_fname, struct files_struct* fsp,
+                  const struct vfs_open_how* how) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    const bool reopen = is_reopen(smb_fname);
+    const bool is_reference = fsp->fsp_flags.is_pathref || (how->flags & O_PATH) != 0;
+    struct vfs_open_how strict = *how;
+    char* path;
+    bool allowed;
+    bool is_late; /* without a create call */
+    bool became_root;
+    int result;
+
+    if (geteuid() == 0) return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
+    path = reopen ? kavrin_path_of(talloc_tos(), handle, fsp)
+                  : kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
+    if (path == NULL) return -1;
+    allowed = is_asked(connection, path, is_reference, how);
+    if (!allowed) {
+        TALLOC_FREE(path);
+        return -1;
+    }
+    is_late = !is_reference && (how->flags & O_DIRECTORY) == 0 && connection->deciding == NULL;
+    if (!reopen) { /* note 2; a reopened handle was opened so before */
+        strict.resolve |= VFS_OPEN_HOW_RESOLVE_NO_SYMLINKS;
+        if ((strict.flags & O_CREAT) == 0) strict.mode = 0; /* as openat2(2) wants it */
+    }
+    became_root = kavrin_root_begin();
+    result = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, &strict);
+    kavrin_root_end(became_root);
+    if (result >= 0 && is_late) remember_late_open(handle, fsp, path, how->flags);
+    TALLOC_FREE(path);
+    return result;
+}
+
+/* Creating files and folders ---------------------------------------------------------------------
+ */
+
+struct wish {
+    const char* path;
+    bool is_folder;
+    bool exists;
+    uint32_t access_mask;
+    uint32_t disposition;
+    uint32_t options;
+};
+
+static bool is_making(const struct wish* wish) {
+    return !wish->exists && wish->disposition != FILE_OPEN && wish->disposition != FILE_OVERWRITE;
+}
+
+/* A folder that is opened to delete it is asked for its marks, too; one that goes away with this
+ * handle, whether it may be removed. */
+static int ask_folder_deletion(struct kavrin_connection* connection, const struct wish* wish) {
+    kv_perm_ctx_t* context = NULL;
+    int is_nav = 0;
+    int result;
+
+    kavrin_hook_begin(connection);
+    result = fdopendir_preprocess(connection->share_root, wish->path, 1, &connection->library,
+                                  &is_nav, &context);
+    kavrin_hook_end(&context);
+    if (result != 0) return -1;
+    if ((wish->options & FILE_DELETE_ON_CLOSE) == 0 ||
+        kavrin_may(connection, FSOP_RMDIR, wish->path, FSTYPE_FOLDER))
+        return 0;
+    errno = EACCES;
+    return -1;
+}
+
+static int ask_folder(struct kavrin_connection* connection, const struct wish* wish,
+                      char** full_path) {
+    const bool deletes =
+        (wish->access_mask & SEC_STD_DELETE) != 0 || (wish->options & FILE_DELETE_ON_CLOSE) != 0;
+    kv_perm_ctx_t* context = NULL;
+    int result;
+
+    kavrin_hook_begin(connection);
+    result = create_dir_preprocess(deletes ? 1 : 0, wish->path, full_path, is_making(wish) ? 1 : 0,
+                                   connection->share_root, &connection->library, &context);
+    kavrin_hook_end(&context);
+    if (result != 0) {
+        *full_path = NULL; /* freed by the hook */
+        return -1;
+    }
+    return deletes && wish->exists ? ask_folder_deletion(connection, wish) : 0;
+}
+
+static int ask_file(struct kavrin_connection* connection, const struct wish* wish,
+                    char** full_path) {
+    kv_perm_ctx_t* context = NULL;
+    int exists = 0;
+    int result;
+
+    kavrin_hook_begin(connection);
+    result = create_file_preprocess(
+        (wish->access_mask & writing_access) != 0 || (wish->options & FILE_DELETE_ON_CLOSE) != 0,
+        full_path, wish->path, wish->path, &context, &exists, wish->access_mask, wish->disposition,
+        wish->options, connection->share_root, &connection->library);
+    kavrin_hook_end(&context);
+    if (result == 0) return 0;
+    *full_path = NULL; /* freed by the hook */
+    return -1;
+}
+
+static void record_creation(struct kavrin_connection* connection, const struct wish* wish,
+                            char* full_path) {
+    kavrin_changed(connection);
+    kavrin_hook_begin(connection);
+    if (wish->is_folder)
+        create_dir_postprocess(full_path, &connection->library);
+    else
+        create_file_postprocess(&connection->library, full_path);
+    kavrin_hook_end(NULL);
+}
+
+static bool remember_open(struct vfs_handle_struct* handle, files_struct* fsp, const char* path,
+                          int info) {
+    struct kavrin_open* open = add_record(handle, fsp, path);
+
+    if (open == NULL) return false;
+    open->record.is_modified = info == FILE_WAS_OVERWRITTEN || info == FILE_WAS_SUPERSEDED;
+    open->reads = (fsp->access_mask & (SEC_FILE_READ_DATA | SEC_FILE_EXECUTE)) != 0;
+    open->created = info == FILE_WAS_CREATED;
+    return open->record.path != NULL;
+}
+
+NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request* req,
+                            struct files_struct* dirfsp, struct smb_filename* smb_fname,
+                            uint32_t access_mask, uint32_t share_access,
+                            uint32_t create_disposition, uint32_t create_options,
+                            uint32_t file_attributes, uint32_t oplock_request,
+                            const struct smb2_lease* lease, uint64_t allocation_size,
+                            uint32_t private_flags, struct security_descriptor* sd,
+                            struct ea_list* ea_list, files_struct** result, int* pinfo,
+                            const struct smb2_create_blobs* in_context_blobs,
+                            struct smb2_create_blobs* out_context_blobs) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    const char* outer = connection->deciding;
+    struct wish wish = {
+        .exists = VALID_STAT(smb_fname->st),
+        .access_mask = access_mask,
+        .disposition = create_disposition,
+        .options = create_options,
+    };
+    const bool is_root = geteuid() == 0;
+    char* path = NULL;
+    char* full_path = NULL;
+    int info = 0;
+    NTSTATUS status = NT_STATUS_OK;
+
+    if (is_named_stream(smb_fname)) return NT_STATUS_OBJECT_NAME_INVALID;
+    /* Whatever the folder is, the name is the one within the share. */
+    path = kavrin_path(talloc_tos(), handle, NULL, smb_fname);
+    if (path == NULL) return map_nt_error_from_unix(errno);
+    wish.path = path;
+    wish.is_folder = (create_options & FILE_DIRECTORY_FILE) != 0 ||
+                     (wish.exists && S_ISDIR(smb_fname->st.st_ex_mode));
+    if (!is_root) {
+        full_path = get_full_path(connection->share_root, path);
+        if (full_path == NULL)
+            status = NT_STATUS_NO_MEMORY;
+        else if ((wish.is_folder ? ask_folder : ask_file)(connection, &wish, &full_path) != 0)
+            status = map_nt_error_from_unix(errno);
+    }
+    if (NT_STATUS_IS_OK(status)) {
+        connection->deciding = path;
+        status = SMB_VFS_NEXT_CREATE_FILE(
+            handle, req, dirfsp, smb_fname, access_mask, share_access, create_disposition,
+            create_options, file_attributes, oplock_request, lease, allocation_size, private_flags,
+            sd, ea_list, result, &info, in_context_blobs, out_context_blobs);
+        connection->deciding = outer;
+    }
+    if (NT_STATUS_IS_OK(status)) {
+        if (pinfo != NULL) *pinfo = info;
+        if (!is_root && info == FILE_WAS_CREATED) record_creation(connection, &wish, full_path);
+        if (*result != NULL && !remember_open(handle, *result, path, info))
+            DBG_ERR("%s: no memory to record what happens to it\n", path);
+    }
+    free(full_path);
+    TALLOC_FREE(path);
+    return status;
+}
+
+/* Writing and closing ----------------------------------------------------------------------------
+ */
+
+static void mark_modified(struct vfs_handle_struct* handle, struct files_struct* fsp) {
+    struct kavrin_open* open = VFS_FETCH_FSP_EXTENSION(handle, fsp);
+
+    if (open != NULL) open->record.is_modified = 1;
+}
+
+/* Whether the close of an object is a fact to record. A handle that was opened for attributes only
+ * read nothing, a creation is recorded already, and a deleted file has no name any more. */
+static bool is_recorded(struct files_struct* fsp, const struct kavrin_open* open) {
+    struct stat status;
+
+    if (open == NULL || fsp->fsp_flags.is_pathref || fsp->fsp_flags.is_directory) return false;
+    if (open->record.is_modified == 0 && (!open->reads || open->created)) return false;
+    return fstat(fsp_get_io_fd(fsp), &status) == 0 && status.st_nlink > 0;
+}
+
+int kavrin_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    struct kavrin_open* open = VFS_FETCH_FSP_EXTENSION(handle, fsp);
+
+    if (is_recorded(fsp, open)) {
+        modify_file_evt_s_t* record = &open->record;
+        const bool became_user = kavrin_user_begin(connection);
+
+        kavrin_hook_begin(connection);
+        connection->library.pmodify = record;
+        close_preprocess(connection->audit, fsp_get_io_fd(fsp), &connection->library, &record, 1,
+                         connection->client);
+        connection->library.pmodify = NULL;
+        kavrin_hook_end(NULL);
+        kavrin_user_end(became_user);
+    }
+    return SMB_VFS_NEXT_CLOSE(handle, fsp);
+}
+
+ssize_t kavrin_pwrite(struct vfs_handle_struct* handle, struct files_struct* fsp, const void* data,
+                      size_t n, off_t offset) {
+    const ssize_t result = SMB_VFS_NEXT_PWRITE(handle, fsp, data, n, offset);
+
+    if (result > 0) mark_modified(handle, fsp);
+    return result;
+}
+
+/* The write itself runs in a helper thread, which none of this touches (note 6). */
+struct pwrite_state {
+    struct vfs_handle_struct* handle;
+    struct files_struct* fsp;
+    ssize_t result;
+    struct vfs_aio_state aio;
+};
+
+static void pwrite_done(struct tevent_req* below) {
+    struct tevent_req* request = tevent_req_callback_data(below, struct tevent_req);
+    struct pwrite_state* state = tevent_req_data(request, struct pwrite_state);
+
+    state->result = SMB_VFS_PWRITE_RECV(below, &state->aio);
+    TALLOC_FREE(below);
+    if (state->result > 0) mark_modified(state->handle, state->fsp);
+    tevent_req_done(request);
+}
+
+struct tevent_req* kavrin_pwrite_send(struct vfs_handle_struct* handle, TALLOC_CTX* mem_ctx,
+                                      struct tevent_context* ev, struct files_struct* fsp,
+                                      const void* data, size_t n, off_t offset) {
+    struct pwrite_state* state = NULL;
+    struct tevent_req* request = tevent_req_create(mem_ctx, &state, struct pwrite_state);
+    struct tevent_req* below;
+
+    if (request == NULL) return NULL;
+    state->handle = handle;
+    state->fsp = fsp;
+    below = SMB_VFS_NEXT_PWRITE_SEND(state, ev, handle, fsp, data, n, offset);
+    if (tevent_req_nomem(below, request)) return tevent_req_post(request, ev);
+    tevent_req_set_callback(below, pwrite_done, request);
+    return request;
+}
+
+ssize_t kavrin_pwrite_recv(struct tevent_req* req, struct vfs_aio_state* state) {
+    struct pwrite_state* own = tevent_req_data(req, struct pwrite_state);
+    ssize_t result = -1;
+
+    if (!tevent_req_is_unix_error(req, &state->error)) {
+        *state = own->aio;
+        result = own->result;
+    }
+    tevent_req_received(req);
+    return result;
+}
+
+ssize_t kavrin_recvfile(struct vfs_handle_struct* handle, int fromfd, files_struct* tofsp,
+                        off_t offset, size_t count) {
+    const ssize_t result = SMB_VFS_NEXT_RECVFILE(handle, fromfd, tofsp, offset, count);
+
+    if (result > 0) mark_modified(handle, tofsp);
+    return result;
+}
+
+int kavrin_ftruncate(struct vfs_handle_struct* handle, struct files_struct* fsp, off_t offset) {
+    const int result = SMB_VFS_NEXT_FTRUNCATE(handle, fsp, offset);
+
+    if (result == 0) mark_modified(handle, fsp);
+    return result;
+}
+
+int kavrin_fallocate(struct vfs_handle_struct* handle, struct files_struct* fsp, uint32_t mode,
+                     off_t offset, off_t len) {
+    const int result = SMB_VFS_NEXT_FALLOCATE(handle, fsp, mode, offset, len);
+
+    if (result == 0) mark_modified(handle, fsp);
+    return result;
+}
+
+/* A copy on the server counts as a change from its start. */
+struct tevent_req* kavrin_offload_write_send(struct vfs_handle_struct* handle, TALLOC_CTX* mem_ctx,
+                                             struct tevent_context* ev, uint32_t fsctl,
+                                             DATA_BLOB* token, off_t transfer_offset,
+                                             struct files_struct* dest_fsp, off_t dest_off,
+                                             off_t to_copy) {
+    mark_modified(handle, dest_fsp);
+    return SMB_VFS_NEXT_OFFLOAD_WRITE_SEND(handle, mem_ctx, ev, fsctl, token, transfer_offset,
+                                           dest_fsp, dest_off, to_copy);
+}
