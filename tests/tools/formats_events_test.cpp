@@ -212,7 +212,7 @@ TEST_F(FormatsEvents, MarkerIsWhatTheLibraryWrites) {
 // Every reason in the sources stands in the table, and no other.
 TEST_F(FormatsEvents, ReasonsAreThoseOfTheSources) {
     const std::string buffer = kvtest::read_file(KAVRIN_DOCS "/../utils/staging_buffer.cpp");
-    const std::string recovery = kvtest::read_file(KAVRIN_DOCS "/../tools/event_recovery.cpp");
+    const std::string recovery = kvtest::read_file(KAVRIN_DOCS "/../common/event_recovery.cpp");
     std::size_t calls = 0;
     for (const std::string call : {"mark_event_db_as_rescan_needed(\"", "mark_as_root(\""}) {
         for (std::size_t at = buffer.find(call); at != std::string::npos;
