@@ -13,7 +13,7 @@ using std::chrono::seconds;
 class Service500Generations : public SurvivalTest {
 protected:
     static constexpr unsigned kGenerations = 500;
-    static constexpr unsigned kWarm = 20;     // until then memory may grow to its size
+    static constexpr unsigned kWarm = 20;             // until then memory may grow to its size
     static constexpr long kGrowthKib = kKeptKib / 4;  // for 480 generations
 
     // Every tenth one comes through the incoming folder; for the others nobody waits for quiet.
