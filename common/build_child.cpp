@@ -28,7 +28,7 @@ namespace kvadmin {
 namespace {
 
 constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
-constexpr std::size_t kKeptErrorText = 64 * 1024;
+constexpr std::size_t kKeptErrorText = 65'536;
 
 // What the child was at when it ended, in memory that outlives it.
 enum class Stage : int { kStart, kSize, kCompareSize, kCreate, kFill, kDone };

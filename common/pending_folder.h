@@ -66,7 +66,7 @@ public:
         const Descriptor descriptor = open(file);
         if (!descriptor.valid()) return {};
         ++files_;
-        const RecordWalk walk = walk_records<Message>(descriptor.get(), 0, use);
+        RecordWalk walk = walk_records<Message>(descriptor.get(), 0, use);
         tell(file.path, walk);
         return walk;
     }
