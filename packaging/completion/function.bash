@@ -1,13 +1,16 @@
 
+# _kavrinctl_take WORDS: proposes them, one a line. Needs no /dev/fd, which a bare chroot lacks.
+_kavrinctl_take() { [ -z "$1" ] || mapfile -t COMPREPLY <<<"$1"; }
+
 # _kavrinctl_propose KIND: what fits the word under the cursor.
 _kavrinctl_propose() {
   case $1 in
-    words:*) mapfile -t COMPREPLY < <(IFS=, compgen -W "${1#words:}" -- "$cur") ;;
-    words) mapfile -t COMPREPLY < <(compgen -W "$2" -- "$cur") ;;
-    user) mapfile -t COMPREPLY < <(compgen -u -- "$cur") ;;
-    group) mapfile -t COMPREPLY < <(compgen -g -- "$cur") ;;
-    folder) compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen -d -- "$cur") ;;
-    file) compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;
+    words:*) _kavrinctl_take "$(IFS=, compgen -W "${1#words:}" -- "$cur")" ;;
+    words) _kavrinctl_take "$(compgen -W "$2" -- "$cur")" ;;
+    user) _kavrinctl_take "$(compgen -u -- "$cur")" ;;
+    group) _kavrinctl_take "$(compgen -g -- "$cur")" ;;
+    folder) compopt -o filenames 2>/dev/null; _kavrinctl_take "$(compgen -d -- "$cur")" ;;
+    file) compopt -o filenames 2>/dev/null; _kavrinctl_take "$(compgen -f -- "$cur")" ;;
   esac
 }
 
