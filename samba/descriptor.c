@@ -1,5 +1,7 @@
-/* What Windows shows on the security page, and what smbd checks an open against: a descriptor made
- * of verdicts on this one user. It is for reading; rights are changed where the map is made. */
+/* What Windows shows on the security page: a descriptor made of verdicts on this one user. It is
+ * for reading; rights are changed where the map is made. smbd checks with descriptors, too, but the
+ * module does not lean on that: what smbd does was or will be asked, and its own look finds a
+ * descriptor that stands in nobody's way. */
 #include "kavrin_module.h"
 
 #include "kavrin_perms.h"
@@ -38,17 +40,6 @@ static bool may_move_folder(struct kavrin_connection* connection, const char* pa
                       kavrin_may(connection, FSOP_MKDIR, path, FSTYPE_FOLDER));
 }
 
-/* Whether the create call under way makes something in this folder: it was asked about that very
- * name, and some names are allowed where others are not. */
-static bool is_folder_of_wish(const struct kavrin_connection* connection, const char* path) {
-    const char* wish = connection->deciding;
-    const char* name = wish == NULL ? NULL : strrchr(wish, '/');
-
-    if (wish == NULL) return false;
-    if (name == NULL) return strcmp(path, ".") == 0;
-    return strlen(path) == (size_t)(name - wish) && strncmp(path, wish, strlen(path)) == 0;
-}
-
 static uint32_t rights_on_folder(struct kavrin_connection* connection, const char* path) {
     uint32_t rights = always | SEC_DIR_TRAVERSE;
     char* entry = kavrin_join(talloc_tos(), path, "new entry");
@@ -58,7 +49,6 @@ static uint32_t rights_on_folder(struct kavrin_connection* connection, const cha
         rights |= SEC_DIR_ADD_FILE | SEC_DIR_WRITE_ATTRIBUTE | SEC_DIR_WRITE_EA;
     if (entry != NULL && kavrin_may(connection, FSOP_MKDIR, entry, FSTYPE_DOES_NOT_EXIST))
         rights |= SEC_DIR_ADD_SUBDIR;
-    if (is_folder_of_wish(connection, path)) rights |= SEC_DIR_ADD_FILE | SEC_DIR_ADD_SUBDIR;
     if (may_move_folder(connection, path)) rights |= SEC_STD_DELETE;
     TALLOC_FREE(entry);
     return rights;
@@ -74,6 +64,21 @@ static uint32_t rights_on_file(struct kavrin_connection* connection, const char*
     return rights;
 }
 
+/* The rights of this user, as SMB has them. */
+uint32_t kavrin_rights(struct kavrin_connection* connection, const char* path, bool is_folder) {
+    return is_folder ? rights_on_folder(connection, path) : rights_on_file(connection, path);
+}
+
+/* Whether a client will see the descriptor, or is given what it grants. It sees it through a handle
+ * of its own; smbd looks through path references. */
+static bool is_for_client(struct vfs_handle_struct* handle, const struct files_struct* fsp,
+                          const char* path) {
+    const struct kavrin_connection* connection = kavrin_connection_of(handle);
+
+    if (VFS_FETCH_FSP_EXTENSION(handle, fsp) != NULL) return true;
+    return connection->wants_maximum && kavrin_is_decided(connection, path);
+}
+
 NTSTATUS kavrin_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info, TALLOC_CTX* mem_ctx,
                             struct security_descriptor** ppdesc) {
@@ -85,11 +90,11 @@ NTSTATUS kavrin_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struc
     struct security_ace entry;
     struct security_acl* acl = NULL;
     size_t size = 0;
-    uint32_t rights;
+    uint32_t rights = SEC_RIGHTS_FILE_ALL;
     char* path = kavrin_path_of(talloc_tos(), handle, fsp);
 
     if (path == NULL) return map_nt_error_from_unix(errno);
-    rights = is_folder ? rights_on_folder(connection, path) : rights_on_file(connection, path);
+    if (is_for_client(handle, fsp, path)) rights = kavrin_rights(connection, path, is_folder);
     TALLOC_FREE(path);
     /* An owner would be granted the change of rights, so nobody is one but root. */
     dom_sid_parse("S-1-22-1-0", &owner); /* Unix user and group of that number */

@@ -12,8 +12,6 @@ DIR* kavrin_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const
     struct kavrin_connection* connection = kavrin_connection_of(handle);
     kv_perm_ctx_t* context = NULL;
     int is_nav = 0;
-    bool became_root;
-    DIR* result;
 
     if (geteuid() != 0 && !connection->is_scanning &&
         VFS_FETCH_FSP_EXTENSION(handle, fsp) == NULL) {
@@ -28,10 +26,7 @@ DIR* kavrin_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const
         TALLOC_FREE(path);
         if (refused != 0) return NULL;
     }
-    became_root = kavrin_root_begin();
-    result = SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
-    kavrin_root_end(became_root);
-    return result;
+    return SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
 }
 
 /* Whether an entry of a listing is shown. */
@@ -55,9 +50,22 @@ static bool is_shown(struct kavrin_connection* connection, char* folder, const c
     return verdict == KVPERMS_HAS_PERMS;
 }
 
+/* The next entry and, since the next module looks at it, its status. */
+static struct dirent* read_entry(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                                 DIR* dirp, SMB_STRUCT_STAT* sbuf) {
+    const struct kavrin_root root = kavrin_root_begin(false);
+    struct dirent* entry;
+
+    errno = 0;
+    entry = SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
+    kavrin_root_end(root);
+    return entry;
+}
+
 struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                               DIR* dirp, SMB_STRUCT_STAT* sbuf) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
+    struct kavrin_open* listing;
     char* folder;
     struct dirent* entry;
 
@@ -66,11 +74,17 @@ struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_str
     folder = kavrin_path_of(talloc_tos(), handle, dirfsp);
     if (folder == NULL) return NULL;
     do {
-        errno = 0;
-        entry = SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
+        entry = read_entry(handle, dirfsp, dirp, sbuf);
     } while (entry != NULL && !ISDOT(entry->d_name) && !ISDOTDOT(entry->d_name) &&
              !is_shown(connection, folder, entry->d_name));
     TALLOC_FREE(folder);
+    listing = VFS_FETCH_FSP_EXTENSION(handle, dirfsp);
+    if (listing != NULL) {
+        TALLOC_FREE(listing->listed);
+        if (entry != NULL)
+            listing->listed =
+                talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, dirfsp), entry->d_name);
+    }
     return entry;
 }
 
@@ -106,7 +120,7 @@ int kavrin_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
     kv_perm_ctx_t* context = NULL;
     char* full_path = NULL;
     char* path;
-    bool became_root;
+    struct kavrin_root root;
     bool is_decided;
     int result = 0;
 
@@ -122,9 +136,9 @@ int kavrin_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
     }
     TALLOC_FREE(path);
     if (result != 0) return -1;
-    became_root = kavrin_root_begin();
+    root = kavrin_root_begin(true);
     result = SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     kavrin_changed(connection);
     if (is_decided) return result;
     if (result != 0) {
@@ -147,7 +161,7 @@ int kavrin_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdi
     char *from, *to;
     char *old_full_path = NULL, *new_full_path = NULL;
     int is_folder = 0, is_nav = 0;
-    bool became_root;
+    struct kavrin_root root;
     int result;
 
     if (geteuid() == 0)
@@ -166,9 +180,9 @@ int kavrin_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdi
     TALLOC_FREE(from);
     TALLOC_FREE(to);
     if (result != 0) return -1;
-    became_root = kavrin_root_begin();
+    root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_RENAMEAT(handle, srcdir_fsp, smb_fname_src, dstdir_fsp, smb_fname_dst);
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     kavrin_changed(connection);
     if (result == 0) {
         kavrin_hook_begin(connection);
@@ -189,7 +203,7 @@ int kavrin_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfs
     kv_perm_ctx_t* context = NULL;
     char* full_path = NULL;
     char* path;
-    bool became_root;
+    struct kavrin_root root;
     int result;
 
     if (geteuid() == 0) return SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
@@ -203,9 +217,9 @@ int kavrin_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfs
     kavrin_hook_end(&context);
     TALLOC_FREE(path);
     if (result != 0) return -1;
-    became_root = kavrin_root_begin();
+    root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     kavrin_changed(connection);
     if (result == 0) {
         kavrin_hook_begin(connection);
@@ -220,7 +234,7 @@ int kavrin_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfs
 
 /* Whether the way to a folder is free of links (note 2). */
 static bool is_straight(const struct kavrin_connection* connection, const char* path) {
-    const bool became_root = kavrin_root_begin();
+    const struct kavrin_root root = kavrin_root_begin(false);
     const int folder = kavrin_open_beneath(connection, path);
     struct stat status;
     bool straight = folder >= 0 && fstat(folder, &status) == 0;
@@ -234,7 +248,7 @@ static bool is_straight(const struct kavrin_connection* connection, const char* 
         close(folder);
         errno = error;
     }
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     return straight;
 }
 
@@ -243,7 +257,7 @@ static bool is_straight(const struct kavrin_connection* connection, const char* 
 int kavrin_chdir(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
     kv_perm_ctx_t* context = NULL;
-    bool became_root;
+    struct kavrin_root root;
     char* path;
     char* target;
     int result = 0;
@@ -266,9 +280,9 @@ int kavrin_chdir(struct vfs_handle_struct* handle, const struct smb_filename* sm
         errno = ENOMEM;
         return -1;
     }
-    became_root = kavrin_root_begin();
+    root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_CHDIR(handle, smb_fname);
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     if (result == 0 && !kavrin_set_folder(target)) {
         errno = ENOMEM;
         result = -1;

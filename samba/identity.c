@@ -1,6 +1,8 @@
-/* Who the process is. A hook changes uids by raw system calls and gives them back; smbd keeps an
- * idea of its own, which become_root() keeps in step. So a hook is asked, and its credentials are
- * given back at once, and only then the operation runs, as root by smbd's own means.
+/* Who the process is. A hook changes uids by raw system calls and gives them back, while smbd keeps
+ * an idea of its own and checks with it. So a hook is asked, and its credentials are given back at
+ * once, and only then the operation runs: as root, for the one call of the next module that reaches
+ * the disk. That switch is raw, too, two system calls instead of the some thirty of become_root(),
+ * which a listing would pay for each entry several times.
  *
  * A verdict that looks at the map leaves the effective gid 0, since the kernel refuses a user's
  * process its way back. That one difference is put right here; any other ends the connection. */
@@ -58,11 +60,16 @@ static void change_effective_uid(uid_t uid) {
         exit_server_cleanly("kavrin: the kernel refused a change of the effective uid");
 }
 
+static void change_effective_gid(gid_t gid) {
+    if (syscall(SYS_setresgid, -1, gid, -1) != 0)
+        exit_server_cleanly("kavrin: the kernel refused a change of the effective gid");
+}
+
 static void restore_effective_gid(gid_t gid) {
     const uid_t uid = geteuid();
 
     change_effective_uid(0);
-    (void)syscall(SYS_setresgid, -1, gid, -1); /* looked at by the comparison that follows */
+    change_effective_gid(gid);
     change_effective_uid(uid);
 }
 
@@ -82,21 +89,8 @@ static void check_group_map(void) {
     if (!kavrin_is_group_map_sound()) exit_server_cleanly("kavrin: the group map is not sound");
 }
 
-#ifdef KAVRIN_CHECK_IDENTITY
-/* The kernel keeps groups sorted, smbd as they came. */
-static bool has_groups_of(const struct identity* identity,
-                          const struct security_unix_token* token) {
-    for (uint32_t i = 0; i < token->ngroups; i++) {
-        int at = 0;
-
-        while (at < identity->group_count && identity->groups[at] != token->groups[i]) at++;
-        if (at == identity->group_count) return false;
-    }
-    return identity->group_count == (int)token->ngroups;
-}
-#endif
-
-/* A debug build compares what smbd thinks the process is with what it is. */
+/* A debug build compares what smbd thinks the process is with what it is. The groups only by their
+ * number: smbd's list of them may be one that it freed, and nothing here changes them. */
 static void check_identity(void) {
 #ifdef KAVRIN_CHECK_IDENTITY
     const struct security_unix_token* token = get_current_utok(NULL);
@@ -104,7 +98,7 @@ static void check_identity(void) {
 
     if (is_user_by_force) return;
     if (!read_identity(&now, groups_after) || now.effective_uid != token->uid ||
-        now.effective_gid != token->gid || !has_groups_of(&now, token)) {
+        now.effective_gid != token->gid || now.group_count != (int)token->ngroups) {
         DBG_ERR("the process is %u:%u in %d groups, and smbd thinks it is %u:%u in %u\n",
                 now.effective_uid, now.effective_gid, now.group_count, (unsigned)token->uid,
                 (unsigned)token->gid, token->ngroups);
@@ -138,10 +132,9 @@ void kavrin_hook_end(kv_perm_ctx_t** context) {
         kavrin_vfs_unbecome_root(*context);
         *context = NULL;
     }
-    if (getegid() != before.effective_gid) restore_effective_gid(before.effective_gid);
-    if (!read_identity(&after, groups_after) || !is_same_but_for_egid(&before, &after) ||
-        before.effective_gid != after.effective_gid)
+    if (!read_identity(&after, groups_after) || !is_same_but_for_egid(&before, &after))
         end_connection(&after);
+    if (after.effective_gid != before.effective_gid) restore_effective_gid(before.effective_gid);
     if (asking->library.refresh_creds.groupmap_refresh != asking->group_map_seen) {
         asking->group_map_seen = asking->library.refresh_creds.groupmap_refresh;
         check_group_map();
@@ -151,17 +144,27 @@ void kavrin_hook_end(kv_perm_ctx_t** context) {
     errno = error;
 }
 
-/* Around one call of the next module, which reaches the disk and no further. */
-bool kavrin_root_begin(void) {
-    if (geteuid() == 0) return false;
-    become_root();
-    return true;
+/* Around one call of the next module, which reaches the disk and no further. What is made belongs
+ * to root's group as well. */
+struct kavrin_root kavrin_root_begin(bool makes) {
+    struct kavrin_root root = {.uid = geteuid()};
+
+    if (root.uid == 0) return root;
+    root.changed_uid = true;
+    change_effective_uid(0);
+    if (!makes) return root;
+    root.changed_gid = true;
+    root.gid = getegid();
+    change_effective_gid(0);
+    return root;
 }
 
-void kavrin_root_end(bool became_root) {
+void kavrin_root_end(struct kavrin_root root) {
     const int error = errno;
 
-    if (became_root) unbecome_root();
+    if (!root.changed_uid) return; /* smbd's own work, or within another call as root */
+    if (root.changed_gid) change_effective_gid(root.gid);
+    change_effective_uid(root.uid);
     check_identity();
     errno = error;
 }

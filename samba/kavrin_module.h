@@ -22,6 +22,7 @@ struct kavrin_connection {
     int audit;
     const char* client;    /* its address, for audit records */
     const char* deciding;  /* what the create call under way was allowed; null outside of one */
+    bool wants_maximum;    /* that call asks for whatever rights there are */
     bool is_scanning;      /* smbd looks for a name in another letter case */
     sig_atomic_t signals;  /* SIGUSR1s that were answered */
     time_t group_map_seen; /* when the library last read the group map, as far as is known here */
@@ -30,6 +31,7 @@ struct kavrin_connection {
 /* What a user opened; an extension of its fsp. Path references have none. */
 struct kavrin_open {
     modify_file_evt_s_t record;
+    char* listed; /* the entry that its listing showed last, which smbd opens next */
     bool reads;   /* may read the contents */
     bool created; /* by this very open, which is recorded already */
     bool times_recorded;
@@ -48,8 +50,13 @@ bool kavrin_read_options(struct vfs_handle_struct* handle, struct kavrin_connect
 void kavrin_note_signals(void);
 void kavrin_hook_begin(struct kavrin_connection* connection);
 void kavrin_hook_end(kv_perm_ctx_t** context);
-bool kavrin_root_begin(void);
-void kavrin_root_end(bool became_root);
+struct kavrin_root {
+    uid_t uid;
+    gid_t gid;
+    bool changed_uid, changed_gid;
+};
+struct kavrin_root kavrin_root_begin(bool makes);
+void kavrin_root_end(struct kavrin_root root);
 bool kavrin_user_begin(const struct kavrin_connection* connection);
 void kavrin_user_end(bool became_user);
 
@@ -159,6 +166,7 @@ int kavrin_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
                      const void* value, size_t size, int flags);
 
 /* descriptor.c */
+uint32_t kavrin_rights(struct kavrin_connection* connection, const char* path, bool is_folder);
 NTSTATUS kavrin_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info, TALLOC_CTX* mem_ctx,
                             struct security_descriptor** ppdesc);

@@ -8,7 +8,7 @@
 /* Looks at an object through no link (note 2). */
 static int look(const struct kavrin_connection* connection, const char* path, bool follow,
                 SMB_STRUCT_STAT* status) {
-    const bool became_root = kavrin_root_begin();
+    const struct kavrin_root root = kavrin_root_begin(false);
     const int file = kavrin_open_beneath(connection, path);
     int result = -1;
 
@@ -22,7 +22,7 @@ static int look(const struct kavrin_connection* connection, const char* path, bo
         close(file);
         errno = error;
     }
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     return result;
 }
 
@@ -97,24 +97,24 @@ static bool may_see_disk(struct kavrin_connection* connection) {
 uint64_t kavrin_disk_free(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
                           uint64_t* bsize, uint64_t* dfree, uint64_t* dsize) {
     uint64_t result;
-    bool became_root;
+    struct kavrin_root root;
 
     if (!may_see_disk(kavrin_connection_of(handle))) return (uint64_t)-1;
-    became_root = kavrin_root_begin();
+    root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_DISK_FREE(handle, smb_fname, bsize, dfree, dsize);
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     return result;
 }
 
 int kavrin_statvfs(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
                    struct vfs_statvfs_struct* statbuf) {
-    bool became_root;
+    struct kavrin_root root;
     int result;
 
     if (!may_see_disk(kavrin_connection_of(handle))) return -1;
-    became_root = kavrin_root_begin();
+    root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_STATVFS(handle, smb_fname, statbuf);
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     return result;
 }
 
@@ -136,10 +136,10 @@ int kavrin_set_quota(struct vfs_handle_struct* handle, enum SMB_QUOTA_TYPE qtype
 /* smbd's own look at where a path leads; the answer goes to no client. */
 struct smb_filename* kavrin_realpath(struct vfs_handle_struct* handle, TALLOC_CTX* ctx,
                                      const struct smb_filename* smb_fname) {
-    const bool became_root = kavrin_root_begin();
+    const struct kavrin_root root = kavrin_root_begin(false);
     struct smb_filename* result = SMB_VFS_NEXT_REALPATH(handle, ctx, smb_fname);
 
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     return result;
 }
 
@@ -167,10 +167,10 @@ static bool may_change(struct vfs_handle_struct* handle, const struct files_stru
 
 static int set_times_as_root(struct vfs_handle_struct* handle, struct files_struct* fsp,
                              struct smb_file_time* ft) {
-    const bool became_root = kavrin_root_begin();
+    const struct kavrin_root root = kavrin_root_begin(false);
     const int result = SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);
 
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     return result;
 }
 
@@ -252,25 +252,25 @@ static bool is_being_made(struct vfs_handle_struct* handle, const struct files_s
 }
 
 int kavrin_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mode_t mode) {
-    bool became_root;
+    struct kavrin_root root;
     int result;
 
     if (geteuid() != 0 && !is_being_made(handle, fsp)) return refuse();
-    became_root = kavrin_root_begin();
+    root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_FCHMOD(handle, fsp, mode);
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     return result;
 }
 
 int kavrin_fchown(struct vfs_handle_struct* handle, struct files_struct* fsp, uid_t uid,
                   gid_t gid) {
-    bool became_root;
+    struct kavrin_root root;
     int result;
 
     if (geteuid() != 0 && !is_being_made(handle, fsp)) return refuse();
-    became_root = kavrin_root_begin();
+    root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_FCHOWN(handle, fsp, uid, gid);
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     return result;
 }
 
@@ -318,26 +318,27 @@ static bool is_own_mark(const char* name) {
 
 ssize_t kavrin_fgetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
                          const char* name, void* value, size_t size) {
-    bool became_root;
     ssize_t result;
 
     if (is_own_mark(name)) {
         errno = ENODATA;
         return -1;
     }
-    became_root = kavrin_root_begin();
     result = SMB_VFS_NEXT_FGETXATTR(handle, fsp, name, value, size);
-    kavrin_root_end(became_root);
+    if (result < 0 && errno == EACCES) { /* most files can be read by those who reach them */
+        const struct kavrin_root root = kavrin_root_begin(false);
+
+        result = SMB_VFS_NEXT_FGETXATTR(handle, fsp, name, value, size);
+        kavrin_root_end(root);
+    }
     return result;
 }
 
 ssize_t kavrin_flistxattr(struct vfs_handle_struct* handle, struct files_struct* fsp, char* list,
                           size_t size) {
-    const bool became_root = kavrin_root_begin();
     const ssize_t all = SMB_VFS_NEXT_FLISTXATTR(handle, fsp, list, size);
     ssize_t kept = 0;
 
-    kavrin_root_end(became_root);
     if (all <= 0 || size == 0) return all;
     for (ssize_t at = 0; at < all;) {
         const ssize_t length = (ssize_t)strlen(list + at) + 1;
@@ -353,26 +354,26 @@ ssize_t kavrin_flistxattr(struct vfs_handle_struct* handle, struct files_struct*
 
 int kavrin_fremovexattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
                         const char* name) {
-    bool became_root;
+    struct kavrin_root root;
     int result;
 
     if (is_own_mark(name)) return refuse();
     if (geteuid() != 0 && !may_change(handle, fsp)) return -1;
-    became_root = kavrin_root_begin();
+    root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     return result;
 }
 
 int kavrin_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp, const char* name,
                      const void* value, size_t size, int flags) {
-    bool became_root;
+    struct kavrin_root root;
     int result;
 
     if (is_own_mark(name)) return refuse();
     if (geteuid() != 0 && !may_change(handle, fsp)) return -1;
-    became_root = kavrin_root_begin();
+    root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     return result;
 }

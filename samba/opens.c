@@ -6,7 +6,10 @@
 #include "kavrin_perms.h"
 #include "kavrin_vfs_utils.h"
 #include "lib/util/tevent_unix.h"
+#include "libcli/security/access_check.h"
 #include "processing_functions.h"
+
+extern const struct generic_mapping file_generic_mapping; /* declared in no header of Samba's */
 
 /* What counts as changing a file: its contents, its attributes, its name. */
 static const uint32_t writing_access =
@@ -46,8 +49,20 @@ static int ask_open(struct kavrin_connection* connection, const char* path, int 
     return result == 0 ? 0 : -1;
 }
 
-static bool is_asked(struct kavrin_connection* connection, const char* path, bool is_reference,
-                     const struct vfs_open_how* how) {
+/* A client's listing refers to each entry right after it was asked and shown (note 9). */
+static bool is_just_listed(struct vfs_handle_struct* handle, const struct files_struct* folder,
+                           const char* name) {
+    struct kavrin_open* listing = VFS_FETCH_FSP_EXTENSION(handle, folder);
+    bool listed;
+
+    if (listing == NULL || listing->listed == NULL) return false;
+    listed = strcmp(listing->listed, name) == 0;
+    TALLOC_FREE(listing->listed);
+    return listed;
+}
+
+static bool is_allowed(struct kavrin_connection* connection, const char* path, bool is_reference,
+                       const struct vfs_open_how* how) {
     if (kavrin_is_decided(connection, path)) return true;
     if (is_reference || (how->flags & O_DIRECTORY) != 0)
         return kavrin_ask_stat(connection, path) == 0;
@@ -81,17 +96,16 @@ int kavrin_openat(struct vfs_handle_struct* handle, const struct files_struct* d
     const bool is_reference = fsp->fsp_flags.is_pathref || (how->flags & O_PATH) != 0;
     struct vfs_open_how strict = *how;
     char* path;
-    bool allowed;
     bool is_late; /* without a create call */
-    bool became_root;
+    struct kavrin_root root;
     int result;
 
     if (geteuid() == 0) return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
     path = reopen ? kavrin_path_of(talloc_tos(), handle, fsp)
                   : kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
     if (path == NULL) return -1;
-    allowed = is_asked(connection, path, is_reference, how);
-    if (!allowed) {
+    if (!(is_reference && is_just_listed(handle, dirfsp, smb_fname->base_name)) &&
+        !is_allowed(connection, path, is_reference, how)) {
         TALLOC_FREE(path);
         return -1;
     }
@@ -100,9 +114,9 @@ int kavrin_openat(struct vfs_handle_struct* handle, const struct files_struct* d
         strict.resolve |= VFS_OPEN_HOW_RESOLVE_NO_SYMLINKS;
         if ((strict.flags & O_CREAT) == 0) strict.mode = 0; /* as openat2(2) wants it */
     }
-    became_root = kavrin_root_begin();
+    root = kavrin_root_begin((how->flags & O_CREAT) != 0);
     result = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, &strict);
-    kavrin_root_end(became_root);
+    kavrin_root_end(root);
     if (result >= 0 && is_late) remember_late_open(handle, fsp, path, how->flags);
     TALLOC_FREE(path);
     return result;
@@ -120,8 +134,35 @@ struct wish {
     uint32_t options;
 };
 
+/* What a look at an object takes, and the listing of a folder. */
+static const uint32_t looking_access =
+    SEC_FILE_READ_ATTRIBUTE | SEC_STD_READ_CONTROL | SEC_STD_SYNCHRONIZE;
+static const uint32_t listing_access =
+    SEC_RIGHTS_DIR_READ | SEC_DIR_TRAVERSE | SEC_FLAG_MAXIMUM_ALLOWED;
+
 static bool is_making(const struct wish* wish) {
     return !wish->exists && wish->disposition != FILE_OPEN && wish->disposition != FILE_OVERWRITE;
+}
+
+static bool is_look(const struct wish* wish) {
+    return wish->exists && wish->disposition == FILE_OPEN &&
+           (wish->access_mask & ~looking_access) == 0 &&
+           (wish->options & FILE_DELETE_ON_CLOSE) == 0;
+}
+
+static int ask_look(struct kavrin_connection* connection, const struct wish* wish) {
+    if (kavrin_ask_stat(connection, wish->path) == 0) return 0;
+    errno = EACCES;
+    return -1;
+}
+
+/* A handle on a folder that can do more than list it. */
+static int ask_folder_rights(struct kavrin_connection* connection, const struct wish* wish) {
+    const uint32_t beyond = wish->access_mask & ~listing_access;
+
+    if (beyond == 0 || (beyond & ~kavrin_rights(connection, wish->path, true)) == 0) return 0;
+    errno = EACCES;
+    return -1;
 }
 
 /* A folder that is opened to delete it is asked for its marks, too; one that goes away with this
@@ -158,7 +199,9 @@ static int ask_folder(struct kavrin_connection* connection, const struct wish* w
         *full_path = NULL; /* freed by the hook */
         return -1;
     }
-    return deletes && wish->exists ? ask_folder_deletion(connection, wish) : 0;
+    if (!wish->exists) return 0;
+    if (ask_folder_rights(connection, wish) != 0) return -1;
+    return deletes ? ask_folder_deletion(connection, wish) : 0;
 }
 
 static int ask_file(struct kavrin_connection* connection, const struct wish* wish,
@@ -167,6 +210,10 @@ static int ask_file(struct kavrin_connection* connection, const struct wish* wis
     int exists = 0;
     int result;
 
+    if ((wish->access_mask & (SEC_STD_WRITE_DAC | SEC_STD_WRITE_OWNER)) != 0) {
+        errno = EACCES; /* nobody has these here */
+        return -1;
+    }
     kavrin_hook_begin(connection);
     result = create_file_preprocess(
         (wish->access_mask & writing_access) != 0 || (wish->options & FILE_DELETE_ON_CLOSE) != 0,
@@ -200,6 +247,12 @@ static bool remember_open(struct vfs_handle_struct* handle, files_struct* fsp, c
     return open->record.path != NULL;
 }
 
+/* The one question of a create call (note 9). */
+static int ask(struct kavrin_connection* connection, const struct wish* wish, char** full_path) {
+    if (is_look(wish)) return ask_look(connection, wish);
+    return (wish->is_folder ? ask_folder : ask_file)(connection, wish, full_path);
+}
+
 NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request* req,
                             struct files_struct* dirfsp, struct smb_filename* smb_fname,
                             uint32_t access_mask, uint32_t share_access,
@@ -229,22 +282,25 @@ NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request
     path = kavrin_path(talloc_tos(), handle, NULL, smb_fname);
     if (path == NULL) return map_nt_error_from_unix(errno);
     wish.path = path;
+    se_map_generic(&wish.access_mask, &file_generic_mapping);
     wish.is_folder = (create_options & FILE_DIRECTORY_FILE) != 0 ||
                      (wish.exists && S_ISDIR(smb_fname->st.st_ex_mode));
     if (!is_root) {
         full_path = get_full_path(connection->share_root, path);
         if (full_path == NULL)
             status = NT_STATUS_NO_MEMORY;
-        else if ((wish.is_folder ? ask_folder : ask_file)(connection, &wish, &full_path) != 0)
+        else if (ask(connection, &wish, &full_path) != 0)
             status = map_nt_error_from_unix(errno);
     }
     if (NT_STATUS_IS_OK(status)) {
         connection->deciding = path;
+        connection->wants_maximum = (wish.access_mask & SEC_FLAG_MAXIMUM_ALLOWED) != 0;
         status = SMB_VFS_NEXT_CREATE_FILE(
             handle, req, dirfsp, smb_fname, access_mask, share_access, create_disposition,
             create_options, file_attributes, oplock_request, lease, allocation_size, private_flags,
             sd, ea_list, result, &info, in_context_blobs, out_context_blobs);
         connection->deciding = outer;
+        connection->wants_maximum = false;
     }
     if (NT_STATUS_IS_OK(status)) {
         if (pinfo != NULL) *pinfo = info;
