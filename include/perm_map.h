@@ -69,8 +69,18 @@ int get_current_perm_table_index_for_fill(void);
 /** Attaches the current image; null when there is none. Give it back with put_perm_map_addr(). */
 void *get_perm_map_addr(void);
 
-/** Detaches an image; null is ignored. */
+/** Detaches an image, or leaves it attached for the next reader, see keep_perm_map(); null is ignored. */
 void put_perm_map_addr(void *addr);
+
+/**
+ * Whether an image stays attached when it is given back. Attaching costs a verdict most of its time,
+ * since each page it touches is mapped anew; a caller with many verdicts keeps the image and lets go
+ * of it after a moment, since the memory of a map that was replaced is freed only when nobody has it
+ * attached. Each get_perm_map_addr() still looks the current table up, and takes the kept image only
+ * when it is that table's.
+ * @param keep not 0 from now on; 0 (as at first) detaches what is kept and not in use
+ */
+void keep_perm_map(int keep);
 
 /* In the static library only: */
 

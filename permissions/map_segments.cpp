@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "manage_perms.h"
 #include "perm_map.h"
@@ -65,7 +66,40 @@ bool find_current_segment(int& index, int& id) {
     }
 }
 
+// The image that stays attached between readers, if that is wanted.
+struct KeptImage {
+    bool wanted = false;
+    bool in_use = false;
+    int id = -1;
+    void* address = nullptr;
+
+    // Takes it, if it is the segment that is current.
+    void* take(int current_id) {
+        if (address == nullptr || in_use) return nullptr;
+        if (id != current_id) {
+            drop();
+            return nullptr;
+        }
+        in_use = true;
+        return address;
+    }
+    void store(int attached_id, void* attached) {
+        if (!wanted || address != nullptr) return;
+        id = attached_id;
+        address = attached;
+        in_use = true;
+    }
+    void drop() {
+        if (address != nullptr && !in_use) shmdt(std::exchange(address, nullptr));
+    }
+};
+KeptImage kept;
+
 }  // namespace
+
+bool kavrin::is_perm_map_kept(const void* address) {
+    return kept.wanted && address != nullptr && address == kept.address;
+}
 
 extern "C" key_t get_next_perm_table_key(int current) {
     KV_ASSERT(current == 0 || current == 1);
@@ -149,14 +183,19 @@ extern "C" void* get_perm_map_addr(void) {
         int index = -1;
         int id = -1;
         if (!find_current_segment(index, id)) return nullptr;
-        void* address = shmat(id, nullptr, 0);
+        void* address = kept.take(id);
+        if (address != nullptr) return address;
+        address = shmat(id, nullptr, 0);
         if (address == kAttachFailed) {
             KV_TRACE(kAlways, "PERM_MAP %s:shared memory attach failed, code=%d (%s)\n",
                      KV_MESSENGER, errno, std::strerror(errno));
             return nullptr;
         }
         const int index_now = get_current_perm_table_index();
-        if (index_now == index) return address;
+        if (index_now == index) {
+            kept.store(id, address);
+            return address;
+        }
         if (index_now == -1) {
             shmdt(address);
             KV_TRACE(kAlways, "PERM_MAP get_current_perm_table_index failed\n");
@@ -168,5 +207,16 @@ extern "C" void* get_perm_map_addr(void) {
 }
 
 extern "C" void put_perm_map_addr(void* addr) {
-    if (addr != nullptr) shmdt(addr);
+    if (addr == nullptr) return;
+    if (addr != kept.address) {
+        shmdt(addr);
+        return;
+    }
+    kept.in_use = false;
+    if (!kept.wanted) kept.drop();
+}
+
+extern "C" void keep_perm_map(int keep) {
+    kept.wanted = keep != 0;
+    if (!kept.wanted) kept.drop();
 }

@@ -8,3 +8,10 @@
 
 // This process's hold on the set.
 extern struct perm_map_sem_s perm_map_sem;
+
+namespace kavrin {
+
+// Whether giving this image back leaves it attached.
+bool is_perm_map_kept(const void* address);
+
+}  // namespace kavrin

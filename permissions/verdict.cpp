@@ -17,6 +17,7 @@
 #include "perm_map.h"
 #include "permissions/effective_acl.h"
 #include "permissions/enforcement.h"
+#include "permissions/map_semaphore.h"
 #include "utils/privileges.h"
 #include "utils/trace.h"
 
@@ -276,6 +277,10 @@ e_vfs_enforce_perms_t Enforcement::conclude_with_nav(e_vfs_enforce_perms_t verdi
 }
 
 void Enforcement::give_map_back() {
+    if (is_perm_map_kept(map_)) {  // nothing to be root for
+        put_perm_map_addr(map_);
+        return;
+    }
     const RootIdentity root;
     put_perm_map_addr(map_);
 }

@@ -40,16 +40,23 @@ static bool may_move_folder(struct kavrin_connection* connection, const char* pa
                       kavrin_may(connection, FSOP_MKDIR, path, FSTYPE_FOLDER));
 }
 
-static uint32_t rights_on_folder(struct kavrin_connection* connection, const char* path) {
+static uint32_t rights_on_folder(struct kavrin_connection* connection, const char* path,
+                                 uint32_t wanted) {
+    static const uint32_t adding = SEC_DIR_ADD_FILE | SEC_DIR_WRITE_ATTRIBUTE | SEC_DIR_WRITE_EA;
     uint32_t rights = always | SEC_DIR_TRAVERSE;
     char* entry = kavrin_join(talloc_tos(), path, "new entry");
 
-    if (kavrin_may(connection, FSOP_OPENDIR, path, FSTYPE_FOLDER)) rights |= SEC_RIGHTS_DIR_READ;
-    if (entry != NULL && kavrin_may(connection, FSOP_CREATE, entry, FSTYPE_DOES_NOT_EXIST))
-        rights |= SEC_DIR_ADD_FILE | SEC_DIR_WRITE_ATTRIBUTE | SEC_DIR_WRITE_EA;
-    if (entry != NULL && kavrin_may(connection, FSOP_MKDIR, entry, FSTYPE_DOES_NOT_EXIST))
+    if (entry == NULL) return rights;
+    if ((wanted & SEC_RIGHTS_DIR_READ & ~always) != 0 &&
+        kavrin_may(connection, FSOP_OPENDIR, path, FSTYPE_FOLDER))
+        rights |= SEC_RIGHTS_DIR_READ;
+    if ((wanted & adding) != 0 && kavrin_may(connection, FSOP_CREATE, entry, FSTYPE_DOES_NOT_EXIST))
+        rights |= adding;
+    if ((wanted & SEC_DIR_ADD_SUBDIR) != 0 &&
+        kavrin_may(connection, FSOP_MKDIR, entry, FSTYPE_DOES_NOT_EXIST))
         rights |= SEC_DIR_ADD_SUBDIR;
-    if (may_move_folder(connection, path)) rights |= SEC_STD_DELETE;
+    if ((wanted & SEC_STD_DELETE) != 0 && may_move_folder(connection, path))
+        rights |= SEC_STD_DELETE;
     TALLOC_FREE(entry);
     return rights;
 }
@@ -64,9 +71,9 @@ static uint32_t rights_on_file(struct kavrin_connection* connection, const char*
     return rights;
 }
 
-/* The rights of this user, as SMB has them. */
-uint32_t kavrin_rights(struct kavrin_connection* connection, const char* path, bool is_folder) {
-    return is_folder ? rights_on_folder(connection, path) : rights_on_file(connection, path);
+/* Whether the user has these rights on a folder. */
+bool kavrin_has_rights(struct kavrin_connection* connection, const char* path, uint32_t wanted) {
+    return (wanted & ~rights_on_folder(connection, path, wanted)) == 0;
 }
 
 /* Whether a client will see the descriptor, or is given what it grants. It sees it through a handle
@@ -94,7 +101,9 @@ NTSTATUS kavrin_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struc
     char* path = kavrin_path_of(talloc_tos(), handle, fsp);
 
     if (path == NULL) return map_nt_error_from_unix(errno);
-    if (is_for_client(handle, fsp, path)) rights = kavrin_rights(connection, path, is_folder);
+    if (is_for_client(handle, fsp, path))
+        rights = is_folder ? rights_on_folder(connection, path, rights)
+                           : rights_on_file(connection, path);
     TALLOC_FREE(path);
     /* An owner would be granted the change of rights, so nobody is one but root. */
     dom_sid_parse("S-1-22-1-0", &owner); /* Unix user and group of that number */

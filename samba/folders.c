@@ -13,7 +13,7 @@ DIR* kavrin_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const
     kv_perm_ctx_t* context = NULL;
     int is_nav = 0;
 
-    if (geteuid() != 0 && !connection->is_scanning &&
+    if (!connection->is_scanning && geteuid() != 0 &&
         VFS_FETCH_FSP_EXTENSION(handle, fsp) == NULL) {
         char* path = kavrin_path_of(talloc_tos(), handle, fsp);
         int refused;
@@ -69,7 +69,7 @@ struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_str
     char* folder;
     struct dirent* entry;
 
-    if (geteuid() == 0 || connection->is_scanning)
+    if (connection->is_scanning || geteuid() == 0)
         return SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
     folder = kavrin_path_of(talloc_tos(), handle, dirfsp);
     if (folder == NULL) return NULL;
@@ -232,9 +232,8 @@ int kavrin_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfs
     return result;
 }
 
-/* Whether the way to a folder is free of links (note 2). */
+/* Whether the way to a folder is free of links (note 2). Asked as root. */
 static bool is_straight(const struct kavrin_connection* connection, const char* path) {
-    const struct kavrin_root root = kavrin_root_begin(false);
     const int folder = kavrin_open_beneath(connection, path);
     struct stat status;
     bool straight = folder >= 0 && fstat(folder, &status) == 0;
@@ -248,45 +247,53 @@ static bool is_straight(const struct kavrin_connection* connection, const char* 
         close(folder);
         errno = error;
     }
-    kavrin_root_end(root);
     return straight;
 }
 
-/* The share's root is asked by its own path, which everybody may enter: smbd cannot serve anybody
- * who may not. smbd leaves the share as root when a connection ends. */
+static bool may_enter(struct kavrin_connection* connection, char* path) {
+    kv_perm_ctx_t* context = NULL;
+    int result;
+
+    kavrin_hook_begin(connection);
+    result = chdir_preprocess(path, connection->share_root, &connection->library, &context);
+    kavrin_hook_end(&context);
+    return result == 0;
+}
+
+/* The share's root is open to everybody, and not asked: smbd returns to it all the time. It leaves
+ * the share as root when a connection ends. */
 int kavrin_chdir(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
-    kv_perm_ctx_t* context = NULL;
+    const bool is_user = geteuid() != 0;
+    char* path = NULL;
+    bool is_below = false;
     struct kavrin_root root;
-    char* path;
     char* target;
-    int result = 0;
+    int result = -1;
 
-    if (geteuid() != 0) {
+    if (is_user) {
         path = kavrin_path(talloc_tos(), handle, NULL, smb_fname);
         if (path == NULL) return -1;
-        kavrin_hook_begin(connection);
-        result = chdir_preprocess(strcmp(path, ".") == 0 ? connection->share_root : path,
-                                  connection->share_root, &connection->library, &context);
-        kavrin_hook_end(&context);
-        if (result == 0 && !is_straight(connection, path)) result = -1;
-        TALLOC_FREE(path);
-        if (result != 0) return -1;
+        is_below = strcmp(path, ".") != 0;
+        if (is_below && !may_enter(connection, path)) {
+            TALLOC_FREE(path);
+            return -1;
+        }
     }
     target = smb_fname->base_name[0] == '/' || kavrin_folder() == NULL
                  ? talloc_strdup(talloc_tos(), smb_fname->base_name)
                  : talloc_asprintf(talloc_tos(), "%s/%s", kavrin_folder(), smb_fname->base_name);
-    if (target == NULL) {
-        errno = ENOMEM;
-        return -1;
-    }
     root = kavrin_root_begin(false);
-    result = SMB_VFS_NEXT_CHDIR(handle, smb_fname);
+    if (target == NULL)
+        errno = ENOMEM;
+    else if (!is_below || is_straight(connection, path))
+        result = SMB_VFS_NEXT_CHDIR(handle, smb_fname);
     kavrin_root_end(root);
     if (result == 0 && !kavrin_set_folder(target)) {
         errno = ENOMEM;
         result = -1;
     }
-    talloc_free(target);
+    TALLOC_FREE(path);
+    TALLOC_FREE(target);
     return result;
 }

@@ -12,6 +12,7 @@
 
 #include "kavrin_utils.h"
 #include "kavrin_vfs_utils.h"
+#include "perm_map.h"
 
 struct identity {
     uid_t real_uid, effective_uid, saved_uid;
@@ -107,11 +108,30 @@ static void check_identity(void) {
 #endif
 }
 
+/* Verdicts come in bursts, and most of one's time is the attaching of the map. So it stays
+ * attached, but not in a process that has gone idle: it could be a map that was replaced. */
+static struct tevent_timer* until_released;
+
+static void release_map(struct tevent_context* events, struct tevent_timer* timer,
+                        struct timeval now, void* nothing) {
+    (void)events, (void)now, (void)nothing;
+    TALLOC_FREE(timer);
+    until_released = NULL;
+    keep_perm_map(0);
+}
+
+static void keep_map(struct tevent_context* events) {
+    if (until_released != NULL) return;
+    until_released = tevent_add_timer(events, events, timeval_current_ofs(1, 0), release_map, NULL);
+    if (until_released != NULL) keep_perm_map(1);
+}
+
 /* Before a hook: notes who the process is, and answers signals, outside of any verdict. */
 void kavrin_hook_begin(struct kavrin_connection* connection) {
     const int error = errno;
 
     SMB_ASSERT(asking == NULL);
+    keep_map(connection->events);
     if (!read_identity(&before, groups_before))
         exit_server_cleanly("kavrin: cannot read the process's identity");
     asking = connection;

@@ -17,6 +17,7 @@ extern int kavrin_debug_class;
 /* One tree connection; the handle's data. */
 struct kavrin_connection {
     kv_connection_private_data_t library;
+    struct tevent_context* events;
     char* share_root; /* its real path */
     int root_fd;      /* a path reference to it */
     int audit;
@@ -166,7 +167,7 @@ int kavrin_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
                      const void* value, size_t size, int flags);
 
 /* descriptor.c */
-uint32_t kavrin_rights(struct kavrin_connection* connection, const char* path, bool is_folder);
+bool kavrin_has_rights(struct kavrin_connection* connection, const char* path, uint32_t wanted);
 NTSTATUS kavrin_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info, TALLOC_CTX* mem_ctx,
                             struct security_descriptor** ppdesc);

@@ -26,13 +26,23 @@ static int look(const struct kavrin_connection* connection, const char* path, bo
     return result;
 }
 
-/* The share's root is asked by its own path, as for a change of folder: smbd looks where it is.
- * What a client wants to know of the root goes through an open. */
+/* smbd looks where it is before and after each change of folder, and that folder was asked then.
+ * What a client wants to know of it goes through an open. */
+static int look_around(struct vfs_handle_struct* handle, struct smb_filename* smb_fname) {
+    const struct kavrin_root root = kavrin_root_begin(false);
+    const int result = SMB_VFS_NEXT_STAT(handle, smb_fname);
+
+    kavrin_root_end(root);
+    return result;
+}
+
 int kavrin_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
     char* path;
     int result = -1;
 
+    if (ISDOT(smb_fname->base_name) && !is_named_stream(smb_fname))
+        return look_around(handle, smb_fname);
     if (geteuid() == 0) return SMB_VFS_NEXT_STAT(handle, smb_fname);
     path = kavrin_path(talloc_tos(), handle, NULL, smb_fname);
     if (path == NULL) return -1;

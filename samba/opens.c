@@ -160,7 +160,7 @@ static int ask_look(struct kavrin_connection* connection, const struct wish* wis
 static int ask_folder_rights(struct kavrin_connection* connection, const struct wish* wish) {
     const uint32_t beyond = wish->access_mask & ~listing_access;
 
-    if (beyond == 0 || (beyond & ~kavrin_rights(connection, wish->path, true)) == 0) return 0;
+    if (beyond == 0 || kavrin_has_rights(connection, wish->path, beyond)) return 0;
     errno = EACCES;
     return -1;
 }

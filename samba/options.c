@@ -27,6 +27,50 @@ static bool is_boolean(const char* text) {
     return set_boolean(text, &value);
 }
 
+static bool is_sound(const char* where, const char* key, const char* value) {
+    const char* name = name_of(key);
+
+    if (name == NULL) return true;
+    if (!is_known(name)) {
+        DBG_ERR("%s: unknown option '%s'; nobody can connect until it is corrected\n", where, key);
+        return false;
+    }
+    if (!is_boolean(value)) {
+        DBG_ERR(
+            "%s: option '%s' is '%s', which is neither yes nor no; nobody can connect until it is "
+            "corrected\n",
+            where, key, value);
+        return false;
+    }
+    return true;
+}
+
+/* smbd shows its own options of [global] to nobody but a file. */
+static bool are_global_options_sound(TALLOC_CTX* memory) {
+    char* text = NULL;
+    size_t size = 0;
+    FILE* file = open_memstream(&text, &size);
+    char* rest;
+    bool sound = true;
+
+    if (file == NULL) return false;
+    lp_dump(file, false, 0);
+    if (fclose(file) != 0) return false;
+    for (char* line = strtok_r(text, "\n", &rest); sound && line != NULL;
+         line = strtok_r(NULL, "\n", &rest)) {
+        char* key = talloc_strdup(memory, line + strspn(line, " \t"));
+        char* value = key == NULL ? NULL : strstr(key, " = ");
+
+        if (value != NULL) {
+            *value = '\0';
+            sound = is_sound("[global]", key, value + 3);
+        }
+        TALLOC_FREE(key);
+    }
+    free(text);
+    return sound;
+}
+
 /* smbd serves such users as root, whom no verdict binds. */
 static bool has_admin_users(int service) {
     const char** users = lp_admin_users(service);
@@ -37,30 +81,24 @@ static bool has_admin_users(int service) {
 bool kavrin_read_options(struct vfs_handle_struct* handle, struct kavrin_connection* connection) {
     const int service = SNUM(handle->conn);
     const struct loadparm_service* share = lp_servicebynum(service);
+    const char* where = talloc_asprintf(connection, "share '%s'", lp_const_servicename(service));
 
+    if (where == NULL || !are_global_options_sound(connection)) return false;
     for (const struct parmlist_entry* option = share == NULL ? NULL : share->param_opt;
-         option != NULL; option = option->next) {
-        const char* name = name_of(option->key);
-
-        if (name == NULL) continue;
-        if (!is_known(name)) {
-            DBG_ERR("share '%s': unknown option '%s'; nobody can connect until it is corrected\n",
-                    lp_const_servicename(service), option->key);
-            return false;
-        }
-        if (!is_boolean(option->value)) {
-            DBG_ERR(
-                "share '%s': option '%s' is '%s', which is neither yes nor no; nobody can "
-                "connect until it is corrected\n",
-                lp_const_servicename(service), option->key, option->value);
-            return false;
-        }
-    }
+         option != NULL; option = option->next)
+        if (!is_sound(where, option->key, option->value)) return false;
     if (has_admin_users(service)) {
         DBG_ERR(
-            "share '%s': 'admin users' would be beyond all rules; nobody can connect until it "
-            "is empty. Put administrators into the group kavrin-admins\n",
-            lp_const_servicename(service));
+            "%s: 'admin users' would be beyond all rules; nobody can connect until it is empty. "
+            "Put administrators into the group kavrin-admins\n",
+            where);
+        return false;
+    }
+    if (handle->conn->force_user) {
+        DBG_ERR(
+            "%s: 'force user' would give everybody that user's permissions; nobody can connect "
+            "until it is empty\n",
+            where);
         return false;
     }
     connection->audit = lp_parm_bool(service, "kavrin", "audit", false) ? 1 : 0;

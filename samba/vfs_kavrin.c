@@ -37,6 +37,7 @@
 #include "perm_enforcer.h"
 #include "processing_functions.h"
 #include "regex_parser.h"
+#include "smbd/globals.h"
 #include "system/passwd.h"
 
 int kavrin_debug_class = DBGC_VFS;
@@ -75,7 +76,11 @@ bool kavrin_is_group_map_sound(void) {
     if (map == NULL || size == 0) return true;
     for (size_t i = 0; i < ARRAY_SIZE(reserved); i++) {
         if (kavrin_reserved_gid(map, size, reserved[i]) != 0) continue;
-        DBG_ERR("%s gives group '%s' the id 0; nobody is served\n", group_map, reserved[i]);
+        if (getgrnam(reserved[i]) == NULL)
+            DBG_ERR("there is no group '%s' on this server; nobody is served until it is made\n",
+                    reserved[i]);
+        else
+            DBG_ERR("%s gives group '%s' the id 0; nobody is served\n", group_map, reserved[i]);
         sound = false;
     }
     kavrin_unmap(map, size);
@@ -169,6 +174,7 @@ static int kavrin_connect(struct vfs_handle_struct* handle, const char* service,
         errno = ENOMEM;
         return -1;
     }
+    connection->events = handle->conn->sconn->ev_ctx;
     connection->root_fd = -1;
     talloc_set_destructor(connection, free_connection);
     if (!prepare(handle, connection, user)) {

@@ -10,38 +10,14 @@ restart() {
   : >"$state/log/smbd.log"
   start_smbd
 }
-# A client that stays: connect_as USER, then tell COMMAND prints what came back.
-connect_as() {
-  coproc client { cd "$state" && exec stdbuf -oL smbclient //127.0.0.1/share -U "$1%secret" 2>&1; }
-  exec 7<&"${client[0]}" 8>&"${client[1]}" # which subshells have, too
-  tell 'pwd' >/dev/null
-  server=$(smbstatus -s "$state/smb.conf" -p 2>/dev/null | awk -v u="$1" '$2 == u { print $1; exit }')
-}
-tell() {
-  local line tries=0
-  # What smbclient does not know comes back in the order of everything else. It looks at one line
-  # for each arrival of input, so lines go apart, and an empty one pushes what waits.
-  printf '%s\n' "$1" >&8 || return 0
-  sleep 0.03
-  printf 'end-of-answer\n' >&8 || return 0
-  while [ "$tries" -lt 100 ]; do
-    if IFS= read -r -t 0.2 line <&7; then
-      [[ $line == *end-of-answer:* ]] && break
-      printf '%s\n' "$line"
-    else
-      tries=$((tries + 1))
-      printf '\n' >&8 2>/dev/null || return 0
-    fi
-  done
-}
-leave() { printf 'quit\n' >&8 2>/dev/null || true; wait "$client_PID" 2>/dev/null || true; }
 says() { grep -o "$1" <<<"$2" | head -1 || true; }
 
 # smbd's word for a module that refuses a connection.
 unconnected=NT_STATUS_UNSUCCESSFUL
 
 # Options.
-for options in 'kavrin:audti = yes' 'kavrin:audit = perhaps' 'admin users = carol'; do
+for options in 'kavrin:audti = yes' 'kavrin:audit = perhaps' 'admin users = carol' \
+  'force user = alice' '[global]\n  kavrin:audti = yes' '[global]\n  kavrin:audit = perhaps'; do
   restart "$options"
   wants "$options refuses" $unconnected "$(status_of "$(smb carol ls)")"
   wants "$options is told once" 1 "$(grep -c 'nobody can connect until it' "$state/log/smbd.log")"
@@ -65,6 +41,17 @@ chmod g+w /etc/kavrin/groupmap_refresh
 wants 'an unsafe group map refuses' $unconnected "$(status_of "$(smb alice ls)")"
 wants 'an unsafe group map is told once' 1 "$(grep -c 'nobody is served' "$state/log/smbd.log")"
 chmod g-w /etc/kavrin/groupmap_refresh
+
+
+# A reserved group that was never made.
+groupdel kavrin-powerusers
+kavrinctl groupmap build >/dev/null 2>&1
+wants 'a missing group refuses' $unconnected "$(status_of "$(smb alice ls)")"
+wants 'a missing group is named' 1 \
+  "$(grep -c "there is no group 'kavrin-powerusers'" "$state/log/smbd.log")"
+groupadd --gid 5001 kavrin-powerusers
+for user in alice bob; do usermod --append --groups kavrin-powerusers "$user"; done
+kavrinctl groupmap build >/dev/null 2>&1
 
 # Marks are no client's business; what the library writes is there.
 designs='Shared\Engineering\Designs'
