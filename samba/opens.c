@@ -210,10 +210,6 @@ static int ask_file(struct kavrin_connection* connection, const struct wish* wis
     int exists = 0;
     int result;
 
-    if ((wish->access_mask & (SEC_STD_WRITE_DAC | SEC_STD_WRITE_OWNER)) != 0) {
-        errno = EACCES; /* nobody has these here */
-        return -1;
-    }
     kavrin_hook_begin(connection);
     result = create_file_preprocess(
         (wish->access_mask & writing_access) != 0 || (wish->options & FILE_DELETE_ON_CLOSE) != 0,
