@@ -22,6 +22,7 @@ public:
     // Takes the identity in and finds its standing. KVPERMS_HAS_PERMS, or the error verdict.
     e_vfs_enforce_perms_t identify();
 
+    bool is_given() const { return given_ != nullptr; }
     const process_trustees_t& trustees() const { return *trustees_; }
     bool known() const { return trustees_ != nullptr; }
     // Traced on every question.

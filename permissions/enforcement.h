@@ -6,12 +6,14 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 
 #include "perm_enforcer.h"
 #include "permissions/caller.h"
 #include "permissions/masks.h"
 #include "permissions/verdict_trail.h"
 #include "utils/owners.h"
+#include "utils/privileges.h"
 
 namespace kavrin {
 
@@ -78,6 +80,7 @@ private:
     int* is_nav_;
     Caller caller_;
     VerdictTrail* trail_;
+    std::optional<RootIdentity> root_;  // while the process is root for the disk and the map
 
     HeapString real_path_;
     HeapString real_root_;

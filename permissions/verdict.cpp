@@ -65,6 +65,7 @@ e_vfs_enforce_perms_t Enforcement::run() {
         real_path_.reset(normalize_path(in_path_));
         if (real_path_ == nullptr) return unusable_path();
         verdict = judge();
+        root_.reset();
     }
     give_map_back();
     caller_.leave();
@@ -128,6 +129,7 @@ e_vfs_enforce_perms_t Enforcement::judge() {
         rule("opening a folder for reading is always allowed");
         return KVPERMS_HAS_PERMS;
     }
+    if (!caller_.is_given()) root_.reset();  // its identity is the process's
     const e_vfs_enforce_perms_t identified = caller_.identify();
     if (identified != KVPERMS_HAS_PERMS) return identified;
     return judge_identified();
@@ -146,7 +148,8 @@ bool Enforcement::find_type() {
     if (trail_ != nullptr) trail_->full_path = full_path;
     if (type_ == 0) {
         struct stat st;
-        if (stat_as_root(full_path, st) == 0) {
+        root_.emplace();  // for the map as well: each switch costs as much as ten other calls
+        if (stat(full_path, &st) == 0) {
             type_ = (st.st_mode & kDirectoryBit) != 0 ? FSTYPE_FOLDER : FSTYPE_FILE;
         } else if (errno == ENOENT || errno == ESRCH || errno == ENOTDIR) {
             KV_TRACE(kTrace, "stat(%s) returned %d, does not exist", full_path, errno);
@@ -179,8 +182,13 @@ e_vfs_enforce_perms_t Enforcement::judge_identified() {
         return deny();
     }
     if (!find_parent()) return failure_;
-    if (begins_with(real_path_.get(), kPrivatePrefix)) return judge_private();
-    if (!read_acls()) return failure_;
+    if (begins_with(real_path_.get(), kPrivatePrefix)) {
+        root_.reset();
+        return judge_private();
+    }
+    const bool has_acls = read_acls();
+    root_.reset();
+    if (!has_acls) return failure_;
     find_masks();
     if (begins_with(real_path_.get(), kSharedPrefix)) return judge_shared();
     return judge_top_level();
@@ -204,7 +212,7 @@ bool Enforcement::find_parent() {
 
 // The ACLs of the path (folders only) and of its parent, out of the current map.
 bool Enforcement::read_acls() {
-    const RootIdentity root;
+    if (!root_.has_value()) root_.emplace();
     failure_ = KVPERMS_ACLBUF_ERR;
     map_ = get_perm_map_addr();
     if (map_ == nullptr) {

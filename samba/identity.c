@@ -4,8 +4,8 @@
  * the disk. That switch is raw, too, two system calls instead of the some thirty of become_root(),
  * which a listing would pay for each entry several times.
  *
- * A verdict that looks at the map leaves the effective gid 0, since the kernel refuses a user's
- * process its way back. That one difference is put right here; any other ends the connection. */
+ * Where a verdict leaves the effective gid 0, because the kernel refused its way back, that one
+ * difference is put right here; any other ends the connection. */
 #include "kavrin_module.h"
 
 #include <sys/syscall.h>
@@ -108,6 +108,14 @@ static void check_identity(void) {
 #endif
 }
 
+/* A verdict takes root's group as well, and can go back only to a group that is saved. What is
+ * saved is smbd's gid 0, of which it makes no use, until the user's own is put there. */
+static void save_own_group(void) {
+    if (before.effective_uid == 0 || before.saved_gid == before.effective_gid) return;
+    if (syscall(SYS_setresgid, -1, -1, before.effective_gid) == 0)
+        before.saved_gid = before.effective_gid;
+}
+
 /* Verdicts come in bursts, and most of one's time is the attaching of the map. So it stays
  * attached, but not in a process that has gone idle: it could be a map that was replaced. */
 static struct tevent_timer* until_released;
@@ -134,6 +142,7 @@ void kavrin_hook_begin(struct kavrin_connection* connection) {
     keep_map(connection->events);
     if (!read_identity(&before, groups_before))
         exit_server_cleanly("kavrin: cannot read the process's identity");
+    save_own_group();
     asking = connection;
     if (connection->signals != signals_received) {
         connection->signals = signals_received;
