@@ -107,6 +107,7 @@ stop_all() {
   [ -z "$kavrind_process" ] || { kill "$kavrind_process" && wait "$kavrind_process"; } || true
 }
 trap stop_all EXIT
+trap 'exit 143' TERM
 
 # A client that stays: connect_as USER, then tell COMMAND prints what came back.
 connect_as() {
