@@ -6,29 +6,6 @@
 #include "kavrin_vfs_utils.h"
 #include "processing_functions.h"
 
-/* A listing by a client was asked when the folder was opened; smbd's own ones are not. */
-DIR* kavrin_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
-                      uint32_t attributes) {
-    struct kavrin_connection* connection = kavrin_connection_of(handle);
-    kv_perm_ctx_t* context = NULL;
-    int is_nav = 0;
-
-    if (!connection->is_scanning && geteuid() != 0 &&
-        VFS_FETCH_FSP_EXTENSION(handle, fsp) == NULL) {
-        char* path = kavrin_path_of(talloc_tos(), handle, fsp);
-        int refused;
-
-        if (path == NULL) return NULL;
-        kavrin_hook_begin(connection);
-        refused = fdopendir_preprocess(connection->share_root, path, 0, &connection->library,
-                                       &is_nav, &context);
-        kavrin_hook_end(&context);
-        TALLOC_FREE(path);
-        if (refused != 0) return NULL;
-    }
-    return SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
-}
-
 /* Whether an entry of a listing is shown. */
 static bool is_shown(struct kavrin_connection* connection, char* folder, const char* name) {
     modify_file_evt_s_t listing = {.path = folder};
@@ -62,10 +39,24 @@ static struct dirent* read_entry(struct vfs_handle_struct* handle, struct files_
     return entry;
 }
 
+static bool is_dots(const struct dirent* entry) {
+    return ISDOT(entry->d_name) || ISDOTDOT(entry->d_name);
+}
+
+/* What a client's listing shows, smbd refers to next. */
+static void note_shown(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                       const struct dirent* entry) {
+    struct kavrin_open* listing = VFS_FETCH_FSP_EXTENSION(handle, dirfsp);
+
+    if (listing == NULL) return;
+    TALLOC_FREE(listing->listed);
+    if (entry != NULL && !is_dots(entry)) /* which nobody asked about */
+        listing->listed = talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, dirfsp), entry->d_name);
+}
+
 struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                               DIR* dirp, SMB_STRUCT_STAT* sbuf) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
-    struct kavrin_open* listing;
     char* folder;
     struct dirent* entry;
 
@@ -75,16 +66,9 @@ struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_str
     if (folder == NULL) return NULL;
     do {
         entry = read_entry(handle, dirfsp, dirp, sbuf);
-    } while (entry != NULL && !ISDOT(entry->d_name) && !ISDOTDOT(entry->d_name) &&
-             !is_shown(connection, folder, entry->d_name));
+    } while (entry != NULL && !is_dots(entry) && !is_shown(connection, folder, entry->d_name));
     TALLOC_FREE(folder);
-    listing = VFS_FETCH_FSP_EXTENSION(handle, dirfsp);
-    if (listing != NULL) {
-        TALLOC_FREE(listing->listed);
-        if (entry != NULL)
-            listing->listed =
-                talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, dirfsp), entry->d_name);
-    }
+    note_shown(handle, dirfsp, entry);
     return entry;
 }
 

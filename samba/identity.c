@@ -134,6 +134,17 @@ static void keep_map(struct tevent_context* events) {
     if (until_released != NULL) keep_perm_map(1);
 }
 
+/* The library takes the process's real group for the user's own, and smbd's is root's (note 14). */
+static void put_own_group(struct kavrin_connection* connection) {
+    connection->library.groupmap.egid = connection->group;
+}
+
+/* Within a hook: what stat does first. */
+void kavrin_refresh(struct kavrin_connection* connection) {
+    refresh_credentials(&connection->library);
+    put_own_group(connection);
+}
+
 /* Before a hook: notes who the process is, and answers signals, outside of any verdict. */
 void kavrin_hook_begin(struct kavrin_connection* connection) {
     const int error = errno;
@@ -149,6 +160,7 @@ void kavrin_hook_begin(struct kavrin_connection* connection) {
         check_group_map();
         flush_perms_handler(SIGUSR1, &connection->library);
     }
+    put_own_group(connection);
     errno = error;
 }
 

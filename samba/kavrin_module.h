@@ -20,6 +20,7 @@ struct kavrin_connection {
     struct tevent_context* events;
     char* share_root; /* its real path */
     int root_fd;      /* a path reference to it */
+    gid_t group;      /* the user's own */
     int audit;
     const char* client;    /* its address, for audit records */
     const char* deciding;  /* what the create call under way was allowed; null outside of one */
@@ -51,6 +52,7 @@ bool kavrin_read_options(struct vfs_handle_struct* handle, struct kavrin_connect
 void kavrin_note_signals(void);
 void kavrin_hook_begin(struct kavrin_connection* connection);
 void kavrin_hook_end(kv_perm_ctx_t** context);
+void kavrin_refresh(struct kavrin_connection* connection);
 struct kavrin_root {
     uid_t uid;
     gid_t gid;
@@ -94,6 +96,9 @@ NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request
                             const struct smb2_create_blobs* in_context_blobs,
                             struct smb2_create_blobs* out_context_blobs);
 int kavrin_close(struct vfs_handle_struct* handle, struct files_struct* fsp);
+NTSTATUS kavrin_durable_disconnect(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                                   const DATA_BLOB old_cookie, TALLOC_CTX* mem_ctx,
+                                   DATA_BLOB* new_cookie);
 ssize_t kavrin_pwrite(struct vfs_handle_struct* handle, struct files_struct* fsp, const void* data,
                       size_t n, off_t offset);
 struct tevent_req* kavrin_pwrite_send(struct vfs_handle_struct* handle, TALLOC_CTX* mem_ctx,
@@ -112,8 +117,6 @@ struct tevent_req* kavrin_offload_write_send(struct vfs_handle_struct* handle, T
                                              off_t to_copy);
 
 /* folders.c */
-DIR* kavrin_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
-                      uint32_t attributes);
 struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                               DIR* dirp, SMB_STRUCT_STAT* sbuf);
 NTSTATUS kavrin_get_real_filename_at(struct vfs_handle_struct* handle, struct files_struct* dirfsp,

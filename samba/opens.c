@@ -64,9 +64,15 @@ static bool is_just_listed(struct vfs_handle_struct* handle, const struct files_
 static bool is_allowed(struct kavrin_connection* connection, const char* path, bool is_reference,
                        const struct vfs_open_how* how) {
     if (kavrin_is_decided(connection, path)) return true;
-    if (is_reference || (how->flags & O_DIRECTORY) != 0)
-        return kavrin_ask_stat(connection, path) == 0;
-    return ask_open(connection, path, how->flags) == 0;
+    /* The share's root by its own path is open to everybody; what a client wants there is asked. */
+    if (is_reference && strcmp(path, ".") == 0) return true;
+    if (is_reference || connection->is_scanning) return kavrin_ask_stat(connection, path) == 0;
+    if ((how->flags & O_DIRECTORY) == 0) return ask_open(connection, path, how->flags) == 0;
+    /* smbd looks whether a folder is empty that a client wants removed, and that is the moment to
+     * refuse: a refusal when the handle is closed would reach nobody. */
+    if (kavrin_may(connection, FSOP_RMDIR, path, FSTYPE_FOLDER)) return true;
+    errno = EACCES;
+    return false;
 }
 
 /* The record of what was opened, for its writes and its close. */
@@ -95,19 +101,20 @@ int kavrin_openat(struct vfs_handle_struct* handle, const struct files_struct* d
     const bool reopen = is_reopen(smb_fname);
     const bool is_reference = fsp->fsp_flags.is_pathref || (how->flags & O_PATH) != 0;
     struct vfs_open_how strict = *how;
-    char* path;
+    char* path = NULL;
     bool is_late; /* without a create call */
     struct kavrin_root root;
     int result;
 
     if (geteuid() == 0) return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
-    path = reopen ? kavrin_path_of(talloc_tos(), handle, fsp)
-                  : kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
-    if (path == NULL) return -1;
-    if (!(is_reference && is_just_listed(handle, dirfsp, smb_fname->base_name)) &&
-        !is_allowed(connection, path, is_reference, how)) {
-        TALLOC_FREE(path);
-        return -1;
+    if (!is_reference || !is_just_listed(handle, dirfsp, smb_fname->base_name)) {
+        path = reopen ? kavrin_path_of(talloc_tos(), handle, fsp)
+                      : kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
+        if (path == NULL) return -1;
+        if (!is_allowed(connection, path, is_reference, how)) {
+            TALLOC_FREE(path);
+            return -1;
+        }
     }
     is_late = !is_reference && (how->flags & O_DIRECTORY) == 0 && connection->deciding == NULL;
     if (!reopen) { /* note 2; a reopened handle was opened so before */
@@ -156,9 +163,10 @@ static int ask_look(struct kavrin_connection* connection, const struct wish* wis
     return -1;
 }
 
-/* A handle on a folder that can do more than list it. */
+/* A handle on a folder that can do more than list it. Whether it may be renamed depends on the new
+ * name, so that is asked when it comes, as is its removal. */
 static int ask_folder_rights(struct kavrin_connection* connection, const struct wish* wish) {
-    const uint32_t beyond = wish->access_mask & ~listing_access;
+    const uint32_t beyond = wish->access_mask & ~(listing_access | SEC_STD_DELETE);
 
     if (beyond == 0 || kavrin_has_rights(connection, wish->path, beyond)) return 0;
     errno = EACCES;
@@ -328,23 +336,42 @@ static bool is_recorded(struct files_struct* fsp, const struct kavrin_open* open
     return fstat(fsp_get_io_fd(fsp), &status) == 0 && status.st_nlink > 0;
 }
 
-int kavrin_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
+static void record_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
     struct kavrin_open* open = VFS_FETCH_FSP_EXTENSION(handle, fsp);
+    modify_file_evt_s_t* record;
+    bool became_user;
 
-    if (is_recorded(fsp, open)) {
-        modify_file_evt_s_t* record = &open->record;
-        const bool became_user = kavrin_user_begin(connection);
+    if (!is_recorded(fsp, open)) return;
+    record = &open->record;
+    became_user = kavrin_user_begin(connection);
+    kavrin_hook_begin(connection);
+    connection->library.pmodify = record;
+    close_preprocess(connection->audit, fsp_get_io_fd(fsp), &connection->library, &record, 1,
+                     connection->client);
+    connection->library.pmodify = NULL;
+    kavrin_hook_end(NULL);
+    kavrin_user_end(became_user);
+}
 
-        kavrin_hook_begin(connection);
-        connection->library.pmodify = record;
-        close_preprocess(connection->audit, fsp_get_io_fd(fsp), &connection->library, &record, 1,
-                         connection->client);
-        connection->library.pmodify = NULL;
-        kavrin_hook_end(NULL);
-        kavrin_user_end(became_user);
-    }
+int kavrin_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
+    record_close(handle, fsp);
     return SMB_VFS_NEXT_CLOSE(handle, fsp);
+}
+
+/* A client was lost whose handle is kept for its return. smbd notes the times of the file first and
+ * gives the handle back only if they are still the same then, but the record of a change marks the
+ * file. So a change is recorded here, and the close that follows has nothing to add. */
+NTSTATUS kavrin_durable_disconnect(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                                   const DATA_BLOB old_cookie, TALLOC_CTX* mem_ctx,
+                                   DATA_BLOB* new_cookie) {
+    struct kavrin_open* open = VFS_FETCH_FSP_EXTENSION(handle, fsp);
+
+    if (open != NULL && open->record.is_modified != 0) {
+        record_close(handle, fsp);
+        open->reads = false;
+    }
+    return SMB_VFS_NEXT_DURABLE_DISCONNECT(handle, fsp, old_cookie, mem_ctx, new_cookie);
 }
 
 ssize_t kavrin_pwrite(struct vfs_handle_struct* handle, struct files_struct* fsp, const void* data,

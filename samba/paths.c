@@ -152,7 +152,7 @@ int kavrin_ask_stat(struct kavrin_connection* connection, const char* path) {
     e_vfs_enforce_perms_t verdict;
 
     kavrin_hook_begin(connection);
-    refresh_credentials(&connection->library);
+    kavrin_refresh(connection);
     verdict = check_perms(connection->share_root, path, FSOP_STAT, &connection->library, 0);
     kavrin_hook_end(NULL);
     if (verdict == KVPERMS_HAS_PERMS) return 0;

@@ -6,9 +6,8 @@
  *
  *  1. A path that climbs above the share's root reaches no hook: refused with EACCES.
  *  2. No link is followed. Opens run with RESOLVE_NO_SYMLINKS, looks at a path with RESOLVE_BENEATH
- *     as well, and links cannot be read or made by clients. So the object that is reached is the
- * one its path says, and smbd's own way of following links inside of a share ends at its first
- * step.
+ *     as well, and links cannot be read or made by clients. So what is reached is what its path
+ *     says, and smbd's own way of following links inside of a share ends at its first step.
  *  3. What was opened is changed through the handle that smbd holds.
  *  4. A verdict on a missing object does not outlive a change of one's own: each asks for an empty
  *     cache. Single entries are never taken out.
@@ -23,10 +22,13 @@
  * 10. Times and attributes are set after a verdict on writing the object.
  * 11. A group map that others could have written, an administrators' or power users' group with id
  *     0, an account that does not exist, one with uid 0, and 'admin users', whom smbd serves as
- *     root, refuse the connection, with one line. A group map that becomes so ends it.
+ *     root, refuse the connection, with one line, as do 'force user' and options that are not
+ *     known. A group map that becomes so ends it.
  * 12. The user's standing is known before the first request: a verdict is asked at connect.
  * 13. Notifications name only what their reader may see: smbd looks at each for him, which the
- * module switches on, since by default it does not. */
+ *     module switches on, since by default it does not.
+ * 14. A verdict counts the primary group of the user, never the real group of the process, which is
+ *     root's: entries for group root are for nobody by accident. */
 #include "kavrin_module.h"
 
 #include "eventstore.h"
@@ -87,7 +89,7 @@ bool kavrin_is_group_map_sound(void) {
     return sound;
 }
 
-static bool is_account_served(const struct kavrin_connection* connection, const char* user) {
+static bool is_account_served(struct kavrin_connection* connection, const char* user) {
     const struct passwd* account = getpwnam(user);
 
     if (account == NULL) {
@@ -105,6 +107,7 @@ static bool is_account_served(const struct kavrin_connection* connection, const 
             user);
         return false;
     }
+    connection->group = account->pw_gid;
     return true;
 }
 
@@ -203,7 +206,6 @@ static struct vfs_fn_pointers kavrin_functions = {
     .set_quota_fn = kavrin_set_quota,
     .statvfs_fn = kavrin_statvfs,
 
-    .fdopendir_fn = kavrin_fdopendir,
     .readdir_fn = kavrin_readdir,
     .get_real_filename_at_fn = kavrin_get_real_filename_at,
     .mkdirat_fn = kavrin_mkdirat,
@@ -214,6 +216,7 @@ static struct vfs_fn_pointers kavrin_functions = {
     .openat_fn = kavrin_openat,
     .create_file_fn = kavrin_create_file,
     .close_fn = kavrin_close,
+    .durable_disconnect_fn = kavrin_durable_disconnect,
     .pwrite_fn = kavrin_pwrite,
     .pwrite_send_fn = kavrin_pwrite_send,
     .pwrite_recv_fn = kavrin_pwrite_recv,

@@ -2,7 +2,9 @@
 // entry, and each of those finds its verdict here.
 //
 // A fixed number of slots, one path each, and a table of slots in the order of their use. Look-ups
-// scan that table from the front, where repeated ones end at once.
+// scan that table from the front, where repeated ones end at once. A listing that comes again asks
+// for its entries in the order of last time, so each is the one that has not been used for longest:
+// the last positions are tried after the first ones.
 #include <malloc.h>
 
 #include <algorithm>
@@ -55,6 +57,22 @@ private:
     std::uint64_t tail_ = 0;
 };
 
+// The path that was looked for last and not found: it is in no slot.
+const char* missed_path = nullptr;
+const kv_vfs_table_cache_t* missed_in = nullptr;
+// A path that was put in without that may be there twice, and then only a scan finds the first one.
+bool may_have_twins = false;
+
+constexpr int kEnds = 8;  // positions at each end that most look-ups are found at
+
+int scan(const kv_vfs_table_cache_t& cache, const Wanted& wanted, int from, int to) {
+    for (int position = from; position < to; ++position) {
+        const char* const cached = cache.tlb_paths[cache.tlb_index_table[position]];
+        if (cached != nullptr && wanted.equals(cached)) return position;
+    }
+    return -1;
+}
+
 bool allows(e_vfs_enforce_perms_t value) {
     return value == KVPERMS_HAS_PERMS;
 }
@@ -104,11 +122,14 @@ extern "C" void destroy_tlb(kv_vfs_table_cache_t* c) {
 
 extern "C" int _tlb_lookup_path(char* path, kv_vfs_table_cache_t* c) {
     const Wanted wanted(path);
-    for (int position = 0; position < c->vfs_tlb_end; ++position) {
-        const char* const cached = c->tlb_paths[c->tlb_index_table[position]];
-        if (cached != nullptr && wanted.equals(cached)) return position;
-    }
-    return -1;
+    const int end = c->vfs_tlb_end;
+    const int front = std::min(end, kEnds);
+    int position = scan(*c, wanted, 0, front);
+    if (position != -1) return position;
+    if (may_have_twins) return scan(*c, wanted, front, end);
+    const int back = std::max(front, end - kEnds);
+    position = scan(*c, wanted, back, end);
+    return position != -1 ? position : scan(*c, wanted, front, back);
 }
 
 extern "C" int _update_tlb_hit(int position, kv_vfs_table_cache_t* c) {
@@ -126,7 +147,11 @@ extern "C" e_vfs_enforce_perms_t check_tlb(char* path, e_fsop_type_t op, int* in
         c->flush_tlb = KAVRIN_TLB_NO_FLUSH;
     }
     const int position = _tlb_lookup_path(path, c);
-    if (position == -1) return KVPERMS_NOT_FOUND;
+    if (position == -1) {
+        missed_path = path;
+        missed_in = c;
+        return KVPERMS_NOT_FOUND;
+    }
     const tlb_perms_t& perms = c->tlb_perms[c->tlb_index_table[position]];
     const Bit bit(op);
     if ((perms.set[bit.word] & bit.mask) == 0) {
@@ -140,6 +165,8 @@ extern "C" e_vfs_enforce_perms_t check_tlb(char* path, e_fsop_type_t op, int* in
 
 extern "C" void add_tlb_entry(char* path, int slot, e_fsop_type_t op, e_vfs_enforce_perms_t value,
                               kv_vfs_table_cache_t* c) {
+    if (slot == -1 && (path != missed_path || c != missed_in)) may_have_twins = true;
+    missed_path = nullptr;
     const int position = slot == -1 ? take_position(*c, path) : slot;
     if (position == -1) return;
     KV_ASSERT(op != 0);

@@ -28,6 +28,8 @@ make_clients_folders "$share"
 make_tree
 publish_map
 close_tree
+# As clients make files, which is how most came there.
+chmod -R go+r "$share/$folder"
 sleep 1.1
 
 # The client reads nothing of this machine's own configuration.

@@ -27,6 +27,15 @@ names() {
 }
 denied=NT_STATUS_ACCESS_DENIED
 
+# Whether no client is connected any more; then all that they did is recorded. smbd's helpers bear
+# names of their own.
+is_alone() {
+  local child
+  for child in $(<"/proc/$smbd_process/task/$smbd_process/children"); do
+    [ "$(cat "/proc/$child/comm" 2>/dev/null)" != smbd ] || return 1
+  done
+}
+
 # To be called last.
 finish() {
   wants 'no core file' '' "$(find "$state" -name 'core*' -type f)"

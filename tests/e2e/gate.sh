@@ -114,7 +114,7 @@ zeros="$share/Shared/Engineering/Designs/zeros"
 wait_for test -s "$zeros"
 kill -9 "$client_process"
 wait "$client_process" 2>/dev/null || true
-wait_for eval '! smbstatus -s "$state/smb.conf" -p 2>/dev/null | grep -q alice'
+wait_for is_alone
 wants 'the dead client wrote' 'CREATE 7002 Shared/Engineering/Designs/zeros;OPEN 7002 Shared/Engineering/Designs/zeros' \
   "$(events | paste -sd';')"
 rm "$zeros" "$state/zeros"
