@@ -22,11 +22,12 @@ struct kavrin_connection {
     int root_fd;      /* a path reference to it */
     gid_t group;      /* the user's own */
     int audit;
-    const char* client;    /* its address, for audit records */
-    const char* deciding;  /* what the create call under way was allowed; null outside of one */
-    bool wants_maximum;    /* that call asks for whatever rights there are */
-    bool is_scanning;      /* smbd looks for a name in another letter case */
-    sig_atomic_t signals;  /* SIGUSR1s that were answered */
+    const char* client;   /* its address, for audit records */
+    const char* deciding; /* what the create call under way was allowed; null outside of one */
+    bool wants_maximum;   /* that call asks for whatever rights there are */
+    const struct files_struct* referred; /* what the last path reference, which was asked, is for */
+    bool is_scanning;                    /* smbd looks for a name in another letter case */
+    sig_atomic_t signals;                /* SIGUSR1s that were answered */
     time_t group_map_seen; /* when the library last read the group map, as far as is known here */
 };
 

@@ -26,8 +26,14 @@ static int look(const struct kavrin_connection* connection, const char* path, bo
     return result;
 }
 
-/* smbd looks where it is before and after each change of folder, and that folder was asked then.
- * What a client wants to know of it goes through an open. */
+/* smbd looks where it is before and after each change of folder, and that folder was asked when it
+ * was changed to; the share's root is open to everybody. What a client wants to know of them goes
+ * through an open. */
+static bool is_own_place(const struct kavrin_connection* connection, const char* name) {
+    return ISDOT(name) || strcmp(name, connection->share_root) == 0 ||
+           (kavrin_folder() != NULL && strcmp(name, kavrin_folder()) == 0);
+}
+
 static int look_around(struct vfs_handle_struct* handle, struct smb_filename* smb_fname) {
     const struct kavrin_root root = kavrin_root_begin(false);
     const int result = SMB_VFS_NEXT_STAT(handle, smb_fname);
@@ -41,13 +47,12 @@ int kavrin_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname
     char* path;
     int result = -1;
 
-    if (ISDOT(smb_fname->base_name) && !is_named_stream(smb_fname))
+    if (!is_named_stream(smb_fname) && is_own_place(connection, smb_fname->base_name))
         return look_around(handle, smb_fname);
     if (geteuid() == 0) return SMB_VFS_NEXT_STAT(handle, smb_fname);
     path = kavrin_path(talloc_tos(), handle, NULL, smb_fname);
     if (path == NULL) return -1;
-    if (kavrin_is_decided(connection, path) ||
-        kavrin_ask_stat(connection, strcmp(path, ".") == 0 ? connection->share_root : path) == 0)
+    if (kavrin_is_decided(connection, path) || kavrin_ask_stat(connection, path) == 0)
         result = look(connection, path, true, &smb_fname->st);
     TALLOC_FREE(path);
     return result;

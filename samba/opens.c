@@ -107,6 +107,7 @@ int kavrin_openat(struct vfs_handle_struct* handle, const struct files_struct* d
     int result;
 
     if (geteuid() == 0) return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
+    connection->referred = NULL;
     if (!is_reference || !is_just_listed(handle, dirfsp, smb_fname->base_name)) {
         path = reopen ? kavrin_path_of(talloc_tos(), handle, fsp)
                       : kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
@@ -124,6 +125,8 @@ int kavrin_openat(struct vfs_handle_struct* handle, const struct files_struct* d
     root = kavrin_root_begin((how->flags & O_CREAT) != 0);
     result = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, &strict);
     kavrin_root_end(root);
+    if (result >= 0 && is_reference && (path == NULL || strcmp(path, ".") != 0))
+        connection->referred = fsp;
     if (result >= 0 && is_late) remember_late_open(handle, fsp, path, how->flags);
     TALLOC_FREE(path);
     return result;
@@ -134,6 +137,7 @@ int kavrin_openat(struct vfs_handle_struct* handle, const struct files_struct* d
 
 struct wish {
     const char* path;
+    const struct files_struct* reference; /* smbd's own to it, made for this request */
     bool is_folder;
     bool exists;
     uint32_t access_mask;
@@ -157,7 +161,9 @@ static bool is_look(const struct wish* wish) {
            (wish->options & FILE_DELETE_ON_CLOSE) == 0;
 }
 
+/* smbd has just referred to it by its path, and that asked the same. */
 static int ask_look(struct kavrin_connection* connection, const struct wish* wish) {
+    if (wish->reference != NULL && wish->reference == connection->referred) return 0;
     if (kavrin_ask_stat(connection, wish->path) == 0) return 0;
     errno = EACCES;
     return -1;
@@ -270,6 +276,7 @@ NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request
     struct kavrin_connection* connection = kavrin_connection_of(handle);
     const char* outer = connection->deciding;
     struct wish wish = {
+        .reference = smb_fname->fsp,
         .exists = VALID_STAT(smb_fname->st),
         .access_mask = access_mask,
         .disposition = create_disposition,
@@ -355,6 +362,9 @@ static void record_close(struct vfs_handle_struct* handle, struct files_struct* 
 }
 
 int kavrin_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+
+    if (connection->referred == fsp) connection->referred = NULL;
     record_close(handle, fsp);
     return SMB_VFS_NEXT_CLOSE(handle, fsp);
 }

@@ -29,7 +29,7 @@ make_tree
 publish_map
 close_tree
 # As clients make files, which is how most came there.
-chmod -R go+r "$share/$folder"
+chmod -R go+r "$share/Shared"
 sleep 1.1
 
 # The client reads nothing of this machine's own configuration.
