@@ -30,7 +30,7 @@ static bool is_shown(struct kavrin_connection* connection, char* folder, const c
 /* The next entry and, since the next module looks at it, its status. */
 static struct dirent* read_entry(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                                  DIR* dirp, SMB_STRUCT_STAT* sbuf) {
-    const struct kavrin_root root = kavrin_root_begin(false);
+    const bool root = kavrin_root_begin(false);
     struct dirent* entry;
 
     errno = 0;
@@ -45,9 +45,7 @@ static bool is_dots(const struct dirent* entry) {
 
 /* What a client's listing shows, smbd refers to next. */
 static void note_shown(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
-                       const struct dirent* entry) {
-    struct kavrin_open* listing = VFS_FETCH_FSP_EXTENSION(handle, dirfsp);
-
+                       struct kavrin_open* listing, const struct dirent* entry) {
     if (listing == NULL) return;
     TALLOC_FREE(listing->listed);
     if (entry != NULL && !is_dots(entry)) /* which nobody asked about */
@@ -57,18 +55,26 @@ static void note_shown(struct vfs_handle_struct* handle, struct files_struct* di
 struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                               DIR* dirp, SMB_STRUCT_STAT* sbuf) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
+    struct kavrin_open* listing;
+    char* made = NULL;
     char* folder;
     struct dirent* entry;
 
-    if (connection->is_scanning || geteuid() == 0)
+    if (connection->is_scanning || kavrin_is_own_work())
         return SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
-    folder = kavrin_path_of(talloc_tos(), handle, dirfsp);
-    if (folder == NULL) return NULL;
+    listing = VFS_FETCH_FSP_EXTENSION(handle, dirfsp);
+    if (listing != NULL && listing->record.path != NULL &&
+        strcmp(listing->record.path, dirfsp->fsp_name->base_name) == 0) {
+        folder = listing->record.path;
+    } else {
+        folder = made = kavrin_path_of(talloc_tos(), handle, dirfsp);
+        if (folder == NULL) return NULL;
+    }
     do {
         entry = read_entry(handle, dirfsp, dirp, sbuf);
     } while (entry != NULL && !is_dots(entry) && !is_shown(connection, folder, entry->d_name));
-    TALLOC_FREE(folder);
-    note_shown(handle, dirfsp, entry);
+    TALLOC_FREE(made);
+    note_shown(handle, dirfsp, listing, entry);
     return entry;
 }
 
@@ -81,7 +87,7 @@ NTSTATUS kavrin_get_real_filename_at(struct vfs_handle_struct* handle, struct fi
     char* path;
     NTSTATUS status;
 
-    if (geteuid() == 0)
+    if (kavrin_is_own_work())
         return SMB_VFS_NEXT_GET_REAL_FILENAME_AT(handle, dirfsp, name, mem_ctx, found_name);
     connection->is_scanning = true;
     status = get_real_filename_full_scan_at(dirfsp, name, false, mem_ctx, found_name);
@@ -104,11 +110,11 @@ int kavrin_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
     kv_perm_ctx_t* context = NULL;
     char* full_path = NULL;
     char* path;
-    struct kavrin_root root;
+    bool root;
     bool is_decided;
     int result = 0;
 
-    if (geteuid() == 0) return SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
+    if (kavrin_is_own_work()) return SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
     path = kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
     if (path == NULL) return -1;
     is_decided = kavrin_is_decided(connection, path);
@@ -145,10 +151,10 @@ int kavrin_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdi
     char *from, *to;
     char *old_full_path = NULL, *new_full_path = NULL;
     int is_folder = 0, is_nav = 0;
-    struct kavrin_root root;
+    bool root;
     int result;
 
-    if (geteuid() == 0)
+    if (kavrin_is_own_work())
         return SMB_VFS_NEXT_RENAMEAT(handle, srcdir_fsp, smb_fname_src, dstdir_fsp, smb_fname_dst);
     from = kavrin_path(talloc_tos(), handle, srcdir_fsp, smb_fname_src);
     to = from == NULL ? NULL : kavrin_path(talloc_tos(), handle, dstdir_fsp, smb_fname_dst);
@@ -187,10 +193,10 @@ int kavrin_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfs
     kv_perm_ctx_t* context = NULL;
     char* full_path = NULL;
     char* path;
-    struct kavrin_root root;
+    bool root;
     int result;
 
-    if (geteuid() == 0) return SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
+    if (kavrin_is_own_work()) return SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
     path = kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
     if (path == NULL) return -1;
     kavrin_hook_begin(connection);
@@ -248,10 +254,10 @@ static bool may_enter(struct kavrin_connection* connection, char* path) {
  * the share as root when a connection ends. */
 int kavrin_chdir(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
-    const bool is_user = geteuid() != 0;
+    const bool is_user = !kavrin_is_own_work();
     char* path = NULL;
     bool is_below = false;
-    struct kavrin_root root;
+    bool root;
     char* target;
     int result = -1;
 

@@ -1,8 +1,8 @@
 /* Who the process is. A hook changes uids by raw system calls and gives them back, while smbd keeps
  * an idea of its own and checks with it. So a hook is asked, and its credentials are given back at
  * once, and only then the operation runs: as root, for the one call of the next module that reaches
- * the disk. That switch is raw, too, two system calls instead of the some thirty of become_root(),
- * which a listing would pay for each entry several times.
+ * the disk. That is root for the file system alone, two system calls instead of the some thirty of
+ * become_root(), which a listing would pay for each entry several times.
  *
  * Where a verdict leaves the effective gid 0, because the kernel refused its way back, that one
  * difference is put right here; any other ends the connection. */
@@ -26,7 +26,9 @@ static gid_t groups_before[NGROUPS_MAX];
 static gid_t groups_after[NGROUPS_MAX];
 static struct identity before;
 static struct kavrin_connection* asking; /* null outside of a hook */
-static bool is_user_by_force;            /* between kavrin_user_begin() and its end */
+static uid_t uid_on_disk;                /* whose place root takes there; 0 if nobody's */
+static bool makes_on_disk;
+static bool is_user_by_force; /* between kavrin_user_begin() and its end */
 
 static volatile sig_atomic_t signals_received;
 
@@ -99,7 +101,8 @@ static void check_identity(void) {
 
     if (is_user_by_force) return;
     if (!read_identity(&now, groups_after) || now.effective_uid != token->uid ||
-        now.effective_gid != token->gid || now.group_count != (int)token->ngroups) {
+        syscall(SYS_setfsuid, -1) != (long)token->uid || now.effective_gid != token->gid ||
+        now.group_count != (int)token->ngroups) {
         DBG_ERR("the process is %u:%u in %d groups, and smbd thinks it is %u:%u in %u\n",
                 now.effective_uid, now.effective_gid, now.group_count, (unsigned)token->uid,
                 (unsigned)token->gid, token->ngroups);
@@ -149,7 +152,7 @@ void kavrin_refresh(struct kavrin_connection* connection) {
 void kavrin_hook_begin(struct kavrin_connection* connection) {
     const int error = errno;
 
-    SMB_ASSERT(asking == NULL);
+    SMB_ASSERT(asking == NULL && uid_on_disk == 0);
     keep_map(connection->events);
     if (!read_identity(&before, groups_before))
         exit_server_cleanly("kavrin: cannot read the process's identity");
@@ -185,29 +188,40 @@ void kavrin_hook_end(kv_perm_ctx_t** context) {
     errno = error;
 }
 
-/* Around one call of the next module, which reaches the disk and no further. What is made belongs
- * to root's group as well. */
-struct kavrin_root kavrin_root_begin(bool makes) {
-    struct kavrin_root root = {.uid = geteuid()};
-
-    if (root.uid == 0) return root;
-    root.changed_uid = true;
-    change_effective_uid(0);
-    if (!makes) return root;
-    root.changed_gid = true;
-    root.gid = getegid();
-    change_effective_gid(0);
-    return root;
+/* Around one call of the next module, which reaches the disk and no further: for the file system
+ * the process is root, for everything else it stays the user's. What is made belongs to root's
+ * group as well. False where there is nothing to end. */
+bool kavrin_root_begin(bool makes) {
+    if (kavrin_is_own_work()) return false;
+    uid_on_disk = geteuid();
+    makes_on_disk = makes;
+    (void)syscall(SYS_setfsuid, 0); /* it tells of no failure; the disk will */
+    if (makes) (void)syscall(SYS_setfsgid, 0);
+    return true;
 }
 
-void kavrin_root_end(struct kavrin_root root) {
+void kavrin_root_end(bool began) {
     const int error = errno;
+    const uid_t uid = uid_on_disk;
+    bool is_back;
 
-    if (!root.changed_uid) return; /* smbd's own work, or within another call as root */
-    if (root.changed_gid) change_effective_gid(root.gid);
-    change_effective_uid(root.uid);
+    if (!began) return;
+    uid_on_disk = 0;
+    (void)syscall(SYS_setfsuid, uid);
+    is_back = syscall(SYS_setfsuid, -1) == (long)uid;
+    if (makes_on_disk) {
+        (void)syscall(SYS_setfsgid, getegid());
+        is_back = is_back && syscall(SYS_setfsgid, -1) == (long)getegid();
+    }
+    if (!is_back) exit_server_cleanly("kavrin: the kernel refused the way back from root");
     check_identity();
     errno = error;
+}
+
+/* What is not a user's wish: smbd works as root, or calls back while the disk is reached for one.
+ */
+bool kavrin_is_own_work(void) {
+    return uid_on_disk != 0 || geteuid() == 0;
 }
 
 /* For hooks that mean the user where smbd works as root: at connect, and when it closes what a dead

@@ -54,13 +54,9 @@ void kavrin_note_signals(void);
 void kavrin_hook_begin(struct kavrin_connection* connection);
 void kavrin_hook_end(kv_perm_ctx_t** context);
 void kavrin_refresh(struct kavrin_connection* connection);
-struct kavrin_root {
-    uid_t uid;
-    gid_t gid;
-    bool changed_uid, changed_gid;
-};
-struct kavrin_root kavrin_root_begin(bool makes);
-void kavrin_root_end(struct kavrin_root root);
+bool kavrin_root_begin(bool makes);
+void kavrin_root_end(bool began);
+bool kavrin_is_own_work(void);
 bool kavrin_user_begin(const struct kavrin_connection* connection);
 void kavrin_user_end(bool became_user);
 

@@ -8,7 +8,7 @@
 /* Looks at an object through no link (note 2). */
 static int look(const struct kavrin_connection* connection, const char* path, bool follow,
                 SMB_STRUCT_STAT* status) {
-    const struct kavrin_root root = kavrin_root_begin(false);
+    const bool root = kavrin_root_begin(false);
     const int file = kavrin_open_beneath(connection, path);
     int result = -1;
 
@@ -35,7 +35,7 @@ static bool is_own_place(const struct kavrin_connection* connection, const char*
 }
 
 static int look_around(struct vfs_handle_struct* handle, struct smb_filename* smb_fname) {
-    const struct kavrin_root root = kavrin_root_begin(false);
+    const bool root = kavrin_root_begin(false);
     const int result = SMB_VFS_NEXT_STAT(handle, smb_fname);
 
     kavrin_root_end(root);
@@ -49,7 +49,7 @@ int kavrin_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname
 
     if (!is_named_stream(smb_fname) && is_own_place(connection, smb_fname->base_name))
         return look_around(handle, smb_fname);
-    if (geteuid() == 0) return SMB_VFS_NEXT_STAT(handle, smb_fname);
+    if (kavrin_is_own_work()) return SMB_VFS_NEXT_STAT(handle, smb_fname);
     path = kavrin_path(talloc_tos(), handle, NULL, smb_fname);
     if (path == NULL) return -1;
     if (kavrin_is_decided(connection, path) || kavrin_ask_stat(connection, path) == 0)
@@ -73,7 +73,7 @@ int kavrin_lstat(struct vfs_handle_struct* handle, struct smb_filename* smb_fnam
     char* path;
     int result = -1;
 
-    if (geteuid() == 0) return SMB_VFS_NEXT_LSTAT(handle, smb_fname);
+    if (kavrin_is_own_work()) return SMB_VFS_NEXT_LSTAT(handle, smb_fname);
     path = kavrin_path(talloc_tos(), handle, NULL, smb_fname);
     if (path == NULL) return -1;
     if (kavrin_is_decided(connection, path) || ask_lstat(connection, path) == 0)
@@ -88,7 +88,7 @@ int kavrin_fstatat(struct vfs_handle_struct* handle, const struct files_struct* 
     char* path;
     int result = -1;
 
-    if (geteuid() == 0) return SMB_VFS_NEXT_FSTATAT(handle, dirfsp, smb_fname, sbuf, flags);
+    if (kavrin_is_own_work()) return SMB_VFS_NEXT_FSTATAT(handle, dirfsp, smb_fname, sbuf, flags);
     path = kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
     if (path == NULL) return -1;
     if (kavrin_is_decided(connection, path) || kavrin_ask_stat(connection, path) == 0)
@@ -112,7 +112,7 @@ static bool may_see_disk(struct kavrin_connection* connection) {
 uint64_t kavrin_disk_free(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
                           uint64_t* bsize, uint64_t* dfree, uint64_t* dsize) {
     uint64_t result;
-    struct kavrin_root root;
+    bool root;
 
     if (!may_see_disk(kavrin_connection_of(handle))) return (uint64_t)-1;
     root = kavrin_root_begin(false);
@@ -123,7 +123,7 @@ uint64_t kavrin_disk_free(struct vfs_handle_struct* handle, const struct smb_fil
 
 int kavrin_statvfs(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
                    struct vfs_statvfs_struct* statbuf) {
-    struct kavrin_root root;
+    bool root;
     int result;
 
     if (!may_see_disk(kavrin_connection_of(handle))) return -1;
@@ -151,7 +151,7 @@ int kavrin_set_quota(struct vfs_handle_struct* handle, enum SMB_QUOTA_TYPE qtype
 /* smbd's own look at where a path leads; the answer goes to no client. */
 struct smb_filename* kavrin_realpath(struct vfs_handle_struct* handle, TALLOC_CTX* ctx,
                                      const struct smb_filename* smb_fname) {
-    const struct kavrin_root root = kavrin_root_begin(false);
+    const bool root = kavrin_root_begin(false);
     struct smb_filename* result = SMB_VFS_NEXT_REALPATH(handle, ctx, smb_fname);
 
     kavrin_root_end(root);
@@ -182,7 +182,7 @@ static bool may_change(struct vfs_handle_struct* handle, const struct files_stru
 
 static int set_times_as_root(struct vfs_handle_struct* handle, struct files_struct* fsp,
                              struct smb_file_time* ft) {
-    const struct kavrin_root root = kavrin_root_begin(false);
+    const bool root = kavrin_root_begin(false);
     const int result = SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);
 
     kavrin_root_end(root);
@@ -226,7 +226,7 @@ int kavrin_fntimes(struct vfs_handle_struct* handle, struct files_struct* fsp,
     char* path;
     int result;
 
-    if (geteuid() == 0) return SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);
+    if (kavrin_is_own_work()) return SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);
     if (is_part_of_write(handle, fsp)) return set_times_as_root(handle, fsp, ft);
     if (!may_change(handle, fsp)) return -1;
     path = kavrin_path_of(talloc_tos(), handle, fsp);
@@ -267,10 +267,10 @@ static bool is_being_made(struct vfs_handle_struct* handle, const struct files_s
 }
 
 int kavrin_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mode_t mode) {
-    struct kavrin_root root;
+    bool root;
     int result;
 
-    if (geteuid() != 0 && !is_being_made(handle, fsp)) return refuse();
+    if (!kavrin_is_own_work() && !is_being_made(handle, fsp)) return refuse();
     root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_FCHMOD(handle, fsp, mode);
     kavrin_root_end(root);
@@ -279,10 +279,10 @@ int kavrin_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mo
 
 int kavrin_fchown(struct vfs_handle_struct* handle, struct files_struct* fsp, uid_t uid,
                   gid_t gid) {
-    struct kavrin_root root;
+    bool root;
     int result;
 
-    if (geteuid() != 0 && !is_being_made(handle, fsp)) return refuse();
+    if (!kavrin_is_own_work() && !is_being_made(handle, fsp)) return refuse();
     root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_FCHOWN(handle, fsp, uid, gid);
     kavrin_root_end(root);
@@ -291,7 +291,7 @@ int kavrin_fchown(struct vfs_handle_struct* handle, struct files_struct* fsp, ui
 
 int kavrin_lchown(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname, uid_t uid,
                   gid_t gid) {
-    return geteuid() == 0 ? SMB_VFS_NEXT_LCHOWN(handle, smb_fname, uid, gid) : refuse();
+    return kavrin_is_own_work() ? SMB_VFS_NEXT_LCHOWN(handle, smb_fname, uid, gid) : refuse();
 }
 
 int kavrin_symlinkat(struct vfs_handle_struct* handle, const struct smb_filename* link_contents,
@@ -341,7 +341,7 @@ ssize_t kavrin_fgetxattr(struct vfs_handle_struct* handle, struct files_struct* 
     }
     result = SMB_VFS_NEXT_FGETXATTR(handle, fsp, name, value, size);
     if (result < 0 && errno == EACCES) { /* most files can be read by those who reach them */
-        const struct kavrin_root root = kavrin_root_begin(false);
+        const bool root = kavrin_root_begin(false);
 
         result = SMB_VFS_NEXT_FGETXATTR(handle, fsp, name, value, size);
         kavrin_root_end(root);
@@ -369,11 +369,11 @@ ssize_t kavrin_flistxattr(struct vfs_handle_struct* handle, struct files_struct*
 
 int kavrin_fremovexattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
                         const char* name) {
-    struct kavrin_root root;
+    bool root;
     int result;
 
     if (is_own_mark(name)) return refuse();
-    if (geteuid() != 0 && !may_change(handle, fsp)) return -1;
+    if (!kavrin_is_own_work() && !may_change(handle, fsp)) return -1;
     root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
     kavrin_root_end(root);
@@ -382,11 +382,11 @@ int kavrin_fremovexattr(struct vfs_handle_struct* handle, struct files_struct* f
 
 int kavrin_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp, const char* name,
                      const void* value, size_t size, int flags) {
-    struct kavrin_root root;
+    bool root;
     int result;
 
     if (is_own_mark(name)) return refuse();
-    if (geteuid() != 0 && !may_change(handle, fsp)) return -1;
+    if (!kavrin_is_own_work() && !may_change(handle, fsp)) return -1;
     root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
     kavrin_root_end(root);

@@ -103,10 +103,10 @@ int kavrin_openat(struct vfs_handle_struct* handle, const struct files_struct* d
     struct vfs_open_how strict = *how;
     char* path = NULL;
     bool is_late; /* without a create call */
-    struct kavrin_root root;
+    bool root;
     int result;
 
-    if (geteuid() == 0) return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
+    if (kavrin_is_own_work()) return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
     connection->referred = NULL;
     if (!is_reference || !is_just_listed(handle, dirfsp, smb_fname->base_name)) {
         path = reopen ? kavrin_path_of(talloc_tos(), handle, fsp)
@@ -282,7 +282,7 @@ NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request
         .disposition = create_disposition,
         .options = create_options,
     };
-    const bool is_root = geteuid() == 0;
+    const bool is_root = kavrin_is_own_work();
     char* path = NULL;
     char* full_path = NULL;
     int info = 0;
