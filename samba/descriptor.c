@@ -105,6 +105,8 @@ NTSTATUS kavrin_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struc
     char* path = kavrin_path_of(talloc_tos(), handle, fsp);
 
     if (path == NULL) return map_nt_error_from_unix(errno);
+    /* The right to remove what is in a folder would be one on each object in it. */
+    if (is_folder && !kavrin_is_decided(connection, path)) rights &= ~SEC_DIR_DELETE_CHILD;
     if (is_for_client(handle, fsp, path))
         rights = is_folder ? rights_on_folder(connection, path, rights)
                            : rights_on_file(connection, path);

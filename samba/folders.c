@@ -3,8 +3,15 @@
  * its path says (note 2). */
 #include "kavrin_module.h"
 
+#include "kavrin_perms.h"
 #include "kavrin_vfs_utils.h"
+#include "perm_enforcer.h"
 #include "processing_functions.h"
+
+static int refuse(void) {
+    errno = EACCES;
+    return -1;
+}
 
 /* Whether an entry of a listing is shown. */
 static bool is_shown(struct kavrin_connection* connection, char* folder, const char* name) {
@@ -15,7 +22,7 @@ static bool is_shown(struct kavrin_connection* connection, char* folder, const c
     char* base = NULL;
     int verdict = KVPERMS_NO_PERM;
 
-    if (path == NULL) return false;
+    if (path == NULL || kavrin_is_for_another(connection)) return false;
     kavrin_hook_begin(connection);
     connection->library.pmodify = &listing;
     if (readdir_preprocess(&record, &base, &connection->library) == 0)
@@ -52,6 +59,32 @@ static void note_shown(struct vfs_handle_struct* handle, struct files_struct* di
         listing->listed = talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, dirfsp), entry->d_name);
 }
 
+/* A handle may list a folder again and again, with nothing asked but its entries: each time begins
+ * with a look at the markers, and at whether the handle's name still leads to the folder, since
+ * entries are asked by it. */
+static bool may_start(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                      const char* folder) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    struct stat there, here;
+    int named;
+    bool root;
+    bool same;
+
+    if (!kavrin_is_for_another(connection)) {
+        kavrin_hook_begin(connection);
+        kavrin_refresh(connection);
+        kavrin_hook_end(NULL);
+    }
+    root = kavrin_root_begin(false);
+    named = kavrin_open_beneath(connection, folder);
+    same = named >= 0 && fstat(named, &there) == 0 && fstat(fsp_get_io_fd(dirfsp), &here) == 0 &&
+           there.st_ino == here.st_ino && there.st_dev == here.st_dev;
+    if (named >= 0) close(named);
+    kavrin_root_end(root);
+    errno = ENOENT;
+    return same;
+}
+
 struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                               DIR* dirp, SMB_STRUCT_STAT* sbuf) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
@@ -72,35 +105,26 @@ struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_str
     }
     do {
         entry = read_entry(handle, dirfsp, dirp, sbuf);
+        if (entry != NULL && ISDOT(entry->d_name) && !may_start(handle, dirfsp, folder))
+            entry = NULL;
     } while (entry != NULL && !is_dots(entry) && !is_shown(connection, folder, entry->d_name));
     TALLOC_FREE(made);
     note_shown(handle, dirfsp, listing, entry);
     return entry;
 }
 
-/* The name as it is on the disk. smbd reads the whole folder for that, so only the name it found is
- * asked; one that the user may not see was not found. */
+/* The name as it is on the disk. smbd reads the whole folder for that, which is no listing of a
+ * client's. What it found it refers to next, and that is asked: a name that the user may not see is
+ * refused as in its own letters. Were it not found, smbd would make a second one beside it. */
 NTSTATUS kavrin_get_real_filename_at(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                                      const char* name, TALLOC_CTX* mem_ctx, char** found_name) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
-    char* folder;
-    char* path;
+    const bool outer = connection->is_scanning;
     NTSTATUS status;
 
-    if (kavrin_is_own_work())
-        return SMB_VFS_NEXT_GET_REAL_FILENAME_AT(handle, dirfsp, name, mem_ctx, found_name);
     connection->is_scanning = true;
     status = get_real_filename_full_scan_at(dirfsp, name, false, mem_ctx, found_name);
-    connection->is_scanning = false;
-    if (!NT_STATUS_IS_OK(status)) return status;
-    folder = kavrin_path_of(talloc_tos(), handle, dirfsp);
-    path = folder == NULL ? NULL : kavrin_join(talloc_tos(), folder, *found_name);
-    if (path == NULL || kavrin_ask_stat(connection, path) != 0) {
-        TALLOC_FREE(*found_name);
-        status = NT_STATUS_OBJECT_NAME_NOT_FOUND;
-    }
-    TALLOC_FREE(path);
-    TALLOC_FREE(folder);
+    connection->is_scanning = outer;
     return status;
 }
 
@@ -115,6 +139,7 @@ int kavrin_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
     int result = 0;
 
     if (kavrin_is_own_work()) return SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
+    if (kavrin_is_for_another(connection)) return refuse();
     path = kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
     if (path == NULL) return -1;
     is_decided = kavrin_is_decided(connection, path);
@@ -156,6 +181,7 @@ int kavrin_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdi
 
     if (kavrin_is_own_work())
         return SMB_VFS_NEXT_RENAMEAT(handle, srcdir_fsp, smb_fname_src, dstdir_fsp, smb_fname_dst);
+    if (kavrin_is_for_another(connection)) return refuse();
     from = kavrin_path(talloc_tos(), handle, srcdir_fsp, smb_fname_src);
     to = from == NULL ? NULL : kavrin_path(talloc_tos(), handle, dstdir_fsp, smb_fname_dst);
     if (to == NULL) {
@@ -186,11 +212,30 @@ int kavrin_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdi
     return result;
 }
 
+static int ask_removal(struct kavrin_connection* connection, char* path, bool is_folder,
+                       char** full_path) {
+    kv_perm_ctx_t* context = NULL;
+    int result;
+
+    if (kavrin_is_for_another(connection)) {
+        if (!kavrin_may(connection, is_folder ? FSOP_RMDIR : FSOP_OPEN_WRITE, path, 0))
+            return refuse();
+        *full_path = get_full_path(connection->share_root, path);
+        return *full_path == NULL ? -1 : 0;
+    }
+    kavrin_hook_begin(connection);
+    result = is_folder ? rmdir_preprocess(full_path, connection->share_root, path,
+                                          &connection->library, &context)
+                       : unlink_preprocess(connection->share_root, path, full_path,
+                                           &connection->library, &context);
+    kavrin_hook_end(&context);
+    return result;
+}
+
 int kavrin_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                     const struct smb_filename* smb_fname, int flags) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
     const bool is_folder = (flags & AT_REMOVEDIR) != 0;
-    kv_perm_ctx_t* context = NULL;
     char* full_path = NULL;
     char* path;
     bool root;
@@ -199,12 +244,7 @@ int kavrin_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfs
     if (kavrin_is_own_work()) return SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
     path = kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
     if (path == NULL) return -1;
-    kavrin_hook_begin(connection);
-    result = is_folder ? rmdir_preprocess(&full_path, connection->share_root, path,
-                                          &connection->library, &context)
-                       : unlink_preprocess(connection->share_root, path, &full_path,
-                                           &connection->library, &context);
-    kavrin_hook_end(&context);
+    result = ask_removal(connection, path, is_folder, &full_path);
     TALLOC_FREE(path);
     if (result != 0) return -1;
     root = kavrin_root_begin(false);
@@ -243,6 +283,9 @@ static bool is_straight(const struct kavrin_connection* connection, const char* 
 static bool may_enter(struct kavrin_connection* connection, char* path) {
     kv_perm_ctx_t* context = NULL;
     int result;
+
+    if (kavrin_is_for_another(connection))
+        return kavrin_may(connection, FSOP_CHDIR, path, FSTYPE_FOLDER) || refuse() == 0;
 
     kavrin_hook_begin(connection);
     result = chdir_preprocess(path, connection->share_root, &connection->library, &context);

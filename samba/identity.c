@@ -76,6 +76,13 @@ static void restore_effective_gid(gid_t gid) {
     change_effective_uid(uid);
 }
 
+/* smbd closes what is open on its way out, and that asks and records once more. */
+static void leave(const char* reason) {
+    if (asking != NULL) asking->library.pmodify = NULL;
+    asking = NULL;
+    exit_server_cleanly(reason);
+}
+
 static void end_connection(const struct identity* after) {
     DBG_ERR(
         "identity not restored after a hook: uids %u,%u,%u are %u,%u,%u; gids %u,%u,%u are "
@@ -84,12 +91,12 @@ static void end_connection(const struct identity* after) {
         after->effective_uid, after->saved_uid, before.real_gid, before.effective_gid,
         before.saved_gid, after->real_gid, after->effective_gid, after->saved_gid,
         before.group_count, after->group_count);
-    exit_server_cleanly("kavrin: identity not restored after a hook");
+    leave("kavrin: identity not restored after a hook");
 }
 
 /* A group map that became unsafe serves nobody any more (note 11). */
 static void check_group_map(void) {
-    if (!kavrin_is_group_map_sound()) exit_server_cleanly("kavrin: the group map is not sound");
+    if (!kavrin_is_group_map_sound()) leave("kavrin: the group map is not sound");
 }
 
 /* A debug build compares what smbd thinks the process is with what it is. The groups only by their
@@ -140,6 +147,14 @@ static void keep_map(struct tevent_context* events) {
 /* The library takes the process's real group for the user's own, and smbd's is root's (note 14). */
 static void put_own_group(struct kavrin_connection* connection) {
     connection->library.groupmap.egid = connection->group;
+}
+
+/* Whether smbd acts for somebody else than the connection's user, as when a file goes away that
+ * another one wanted removed. The library's record is about the connection's user (note 15). */
+bool kavrin_is_for_another(const struct kavrin_connection* connection) {
+    const uid_t uid = geteuid();
+
+    return uid != 0 && uid != connection->uid;
 }
 
 /* Within a hook: what stat does first. */
@@ -229,10 +244,8 @@ bool kavrin_is_own_work(void) {
 bool kavrin_user_begin(const struct kavrin_connection* connection) {
     const int error = errno;
 
-    if (geteuid() != 0 || connection->library.refresh_creds.euid == (uid_t)-1 ||
-        connection->library.refresh_creds.euid == 0)
-        return false;
-    change_effective_uid(connection->library.refresh_creds.euid);
+    if (geteuid() != 0) return false;
+    change_effective_uid(connection->uid);
     is_user_by_force = true;
     errno = error;
     return true;

@@ -20,7 +20,8 @@ struct kavrin_connection {
     struct tevent_context* events;
     char* share_root; /* its real path */
     int root_fd;      /* a path reference to it */
-    gid_t group;      /* the user's own */
+    uid_t uid;        /* the user's */
+    gid_t group;      /* and his own group */
     int audit;
     const char* client;   /* its address, for audit records */
     const char* deciding; /* what the create call under way was allowed; null outside of one */
@@ -54,6 +55,7 @@ void kavrin_note_signals(void);
 void kavrin_hook_begin(struct kavrin_connection* connection);
 void kavrin_hook_end(kv_perm_ctx_t** context);
 void kavrin_refresh(struct kavrin_connection* connection);
+bool kavrin_is_for_another(const struct kavrin_connection* connection);
 bool kavrin_root_begin(bool makes);
 void kavrin_root_end(bool began);
 bool kavrin_is_own_work(void);
@@ -72,6 +74,7 @@ int kavrin_open_beneath(const struct kavrin_connection* connection, const char* 
 
 /* Questions. All of them are asked as the user. */
 int kavrin_ask_stat(struct kavrin_connection* connection, const char* path);
+int kavrin_ask_missing(struct kavrin_connection* connection, const char* path);
 bool kavrin_may(struct kavrin_connection* connection, e_fsop_type_t op, const char* path,
                 int force_type);
 bool kavrin_may_write(struct kavrin_connection* connection, const char* path, bool is_folder);
@@ -92,6 +95,7 @@ NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request
                             struct ea_list* ea_list, files_struct** result, int* pinfo,
                             const struct smb2_create_blobs* in_context_blobs,
                             struct smb2_create_blobs* out_context_blobs);
+void kavrin_mark_modified(struct vfs_handle_struct* handle, struct files_struct* fsp);
 int kavrin_close(struct vfs_handle_struct* handle, struct files_struct* fsp);
 NTSTATUS kavrin_durable_disconnect(struct vfs_handle_struct* handle, struct files_struct* fsp,
                                    const DATA_BLOB old_cookie, TALLOC_CTX* mem_ctx,

@@ -26,6 +26,19 @@ static int look(const struct kavrin_connection* connection, const char* path, bo
     return result;
 }
 
+/* The question comes after the look, for its answer is kept only about what is there. */
+static int look_if_allowed(struct kavrin_connection* connection, const char* path, bool follow,
+                           SMB_STRUCT_STAT* status) {
+    const int result = look(connection, path, follow, status);
+    const int error = errno;
+
+    if (!kavrin_is_decided(connection, path) &&
+        (result == 0 ? kavrin_ask_stat : kavrin_ask_missing)(connection, path) != 0)
+        return -1;
+    errno = error;
+    return result;
+}
+
 /* smbd looks where it is before and after each change of folder, and that folder was asked when it
  * was changed to; the share's root is open to everybody. What a client wants to know of them goes
  * through an open. */
@@ -52,8 +65,7 @@ int kavrin_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname
     if (kavrin_is_own_work()) return SMB_VFS_NEXT_STAT(handle, smb_fname);
     path = kavrin_path(talloc_tos(), handle, NULL, smb_fname);
     if (path == NULL) return -1;
-    if (kavrin_is_decided(connection, path) || kavrin_ask_stat(connection, path) == 0)
-        result = look(connection, path, true, &smb_fname->st);
+    result = look_if_allowed(connection, path, true, &smb_fname->st);
     TALLOC_FREE(path);
     return result;
 }
@@ -62,6 +74,7 @@ static int ask_lstat(struct kavrin_connection* connection, char* path) {
     kv_perm_ctx_t* context = NULL;
     int result;
 
+    if (kavrin_is_for_another(connection)) return kavrin_ask_missing(connection, path);
     kavrin_hook_begin(connection);
     result = lstat_preprocess(connection->share_root, path, &context, &connection->library);
     kavrin_hook_end(&context);
@@ -91,8 +104,7 @@ int kavrin_fstatat(struct vfs_handle_struct* handle, const struct files_struct* 
     if (kavrin_is_own_work()) return SMB_VFS_NEXT_FSTATAT(handle, dirfsp, smb_fname, sbuf, flags);
     path = kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
     if (path == NULL) return -1;
-    if (kavrin_is_decided(connection, path) || kavrin_ask_stat(connection, path) == 0)
-        result = look(connection, path, (flags & AT_SYMLINK_NOFOLLOW) == 0, sbuf);
+    result = look_if_allowed(connection, path, (flags & AT_SYMLINK_NOFOLLOW) == 0, sbuf);
     TALLOC_FREE(path);
     return result;
 }
@@ -114,7 +126,7 @@ uint64_t kavrin_disk_free(struct vfs_handle_struct* handle, const struct smb_fil
     uint64_t result;
     bool root;
 
-    if (!may_see_disk(kavrin_connection_of(handle))) return (uint64_t)-1;
+    if (!kavrin_is_own_work() && !may_see_disk(kavrin_connection_of(handle))) return (uint64_t)-1;
     root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_DISK_FREE(handle, smb_fname, bsize, dfree, dsize);
     kavrin_root_end(root);
@@ -126,7 +138,7 @@ int kavrin_statvfs(struct vfs_handle_struct* handle, const struct smb_filename* 
     bool root;
     int result;
 
-    if (!may_see_disk(kavrin_connection_of(handle))) return -1;
+    if (!kavrin_is_own_work() && !may_see_disk(kavrin_connection_of(handle))) return -1;
     root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_STATVFS(handle, smb_fname, statbuf);
     kavrin_root_end(root);
@@ -377,6 +389,7 @@ int kavrin_fremovexattr(struct vfs_handle_struct* handle, struct files_struct* f
     root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
     kavrin_root_end(root);
+    if (result == 0) kavrin_mark_modified(handle, fsp);
     return result;
 }
 
@@ -390,5 +403,7 @@ int kavrin_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
     root = kavrin_root_begin(false);
     result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
     kavrin_root_end(root);
+    /* smbd keeps its own in one, and changes it when it likes; fntimes tells of clients' wishes. */
+    if (result == 0 && !strequal(name, SAMBA_XATTR_DOS_ATTRIB)) kavrin_mark_modified(handle, fsp);
     return result;
 }

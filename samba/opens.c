@@ -32,6 +32,11 @@ static int ask_open(struct kavrin_connection* connection, const char* path, int 
     int result;
 
     ZERO_STRUCT(status);
+    if (kavrin_is_for_another(connection)) {
+        free(full_path);
+        errno = EACCES;
+        return -1;
+    }
     if (full_path == NULL) {
         errno = ENOMEM;
         return -1;
@@ -61,12 +66,11 @@ static bool is_just_listed(struct vfs_handle_struct* handle, const struct files_
     return listed;
 }
 
-static bool is_allowed(struct kavrin_connection* connection, const char* path, bool is_reference,
+/* Opens of smbd's that no create call asked for. */
+static bool is_allowed(struct kavrin_connection* connection, const char* path,
                        const struct vfs_open_how* how) {
     if (kavrin_is_decided(connection, path)) return true;
-    /* The share's root by its own path is open to everybody; what a client wants there is asked. */
-    if (is_reference && strcmp(path, ".") == 0) return true;
-    if (is_reference || connection->is_scanning) return kavrin_ask_stat(connection, path) == 0;
+    if (connection->is_scanning) return kavrin_ask_stat(connection, path) == 0;
     if ((how->flags & O_DIRECTORY) == 0) return ask_open(connection, path, how->flags) == 0;
     /* smbd looks whether a folder is empty that a client wants removed, and that is the moment to
      * refuse: a refusal when the handle is closed would reach nobody. */
@@ -94,39 +98,66 @@ static void remember_late_open(struct vfs_handle_struct* handle, files_struct* f
     if (open != NULL) open->reads = (flags & O_ACCMODE) != O_WRONLY;
 }
 
-int kavrin_openat(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
-                  const struct smb_filename* smb_fname, struct files_struct* fsp,
-                  const struct vfs_open_how* how) {
-    struct kavrin_connection* connection = kavrin_connection_of(handle);
-    const bool reopen = is_reopen(smb_fname);
-    const bool is_reference = fsp->fsp_flags.is_pathref || (how->flags & O_PATH) != 0;
+static int open_as_root(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                        const struct smb_filename* smb_fname, struct files_struct* fsp,
+                        const struct vfs_open_how* how) {
     struct vfs_open_how strict = *how;
-    char* path = NULL;
-    bool is_late; /* without a create call */
     bool root;
     int result;
 
-    if (kavrin_is_own_work()) return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
-    connection->referred = NULL;
-    if (!is_reference || !is_just_listed(handle, dirfsp, smb_fname->base_name)) {
-        path = reopen ? kavrin_path_of(talloc_tos(), handle, fsp)
-                      : kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
-        if (path == NULL) return -1;
-        if (!is_allowed(connection, path, is_reference, how)) {
-            TALLOC_FREE(path);
-            return -1;
-        }
-    }
-    is_late = !is_reference && (how->flags & O_DIRECTORY) == 0 && connection->deciding == NULL;
-    if (!reopen) { /* note 2; a reopened handle was opened so before */
+    if (!is_reopen(smb_fname)) { /* note 2; a reopened handle was opened so before */
         strict.resolve |= VFS_OPEN_HOW_RESOLVE_NO_SYMLINKS;
         if ((strict.flags & O_CREAT) == 0) strict.mode = 0; /* as openat2(2) wants it */
     }
     root = kavrin_root_begin((how->flags & O_CREAT) != 0);
     result = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, &strict);
     kavrin_root_end(root);
-    if (result >= 0 && is_reference && (path == NULL || strcmp(path, ".") != 0))
-        connection->referred = fsp;
+    return result;
+}
+
+/* A path reference gives nothing but the object's status, so it is opened first, and what is asked
+ * is the object that was found. The share's root by its own path is open to everybody; what a
+ * client wants there is asked. */
+static int refer(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                 const struct smb_filename* smb_fname, struct files_struct* fsp,
+                 const struct vfs_open_how* how, const char* path) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    const bool is_root = strcmp(path, ".") == 0;
+    int result = open_as_root(handle, dirfsp, smb_fname, fsp, how);
+    int error = errno;
+
+    if (!is_root && !kavrin_is_decided(connection, path) &&
+        (result >= 0 ? kavrin_ask_stat : kavrin_ask_missing)(connection, path) != 0) {
+        error = errno;
+        if (result >= 0) close(result);
+        result = -1;
+    }
+    if (result >= 0 && !is_root) connection->referred = fsp;
+    errno = error;
+    return result;
+}
+
+int kavrin_openat(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                  const struct smb_filename* smb_fname, struct files_struct* fsp,
+                  const struct vfs_open_how* how) {
+    struct kavrin_connection* connection = kavrin_connection_of(handle);
+    const bool is_reference = fsp->fsp_flags.is_pathref || (how->flags & O_PATH) != 0;
+    bool is_late; /* without a create call */
+    char* path;
+    int result = -1;
+
+    if (kavrin_is_own_work()) return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
+    connection->referred = NULL;
+    if (is_reference && is_just_listed(handle, dirfsp, smb_fname->base_name))
+        return open_as_root(handle, dirfsp, smb_fname, fsp, how);
+    path = is_reopen(smb_fname) ? kavrin_path_of(talloc_tos(), handle, fsp)
+                                : kavrin_path(talloc_tos(), handle, dirfsp, smb_fname);
+    if (path == NULL) return -1;
+    is_late = !is_reference && (how->flags & O_DIRECTORY) == 0 && connection->deciding == NULL;
+    if (is_reference)
+        result = refer(handle, dirfsp, smb_fname, fsp, how, path);
+    else if (is_allowed(connection, path, how))
+        result = open_as_root(handle, dirfsp, smb_fname, fsp, how);
     if (result >= 0 && is_late) remember_late_open(handle, fsp, path, how->flags);
     TALLOC_FREE(path);
     return result;
@@ -257,6 +288,29 @@ static bool remember_open(struct vfs_handle_struct* handle, files_struct* fsp, c
     return open->record.path != NULL;
 }
 
+static bool is_asked_to_write(const struct wish* wish) {
+    return (wish->access_mask & writing_access) != 0 || wish->disposition != FILE_OPEN ||
+           (wish->options & FILE_DELETE_ON_CLOSE) != 0;
+}
+
+/* Who asks for whatever rights there are gets what smbd reads out of descriptors, which need not be
+ * ours (note 16). */
+static void hold_to_questions(struct kavrin_connection* connection, const struct wish* wish,
+                              struct files_struct* fsp) {
+    const uint32_t unasked = fsp->access_mask & ~wish->access_mask;
+
+    if (wish->is_folder) {
+        const uint32_t beyond = unasked & ~listing_access;
+
+        if (beyond != 0 && !kavrin_has_rights(connection, wish->path, beyond))
+            fsp->access_mask &= ~beyond;
+    } else if ((unasked & writing_access) != 0 && !is_asked_to_write(wish) &&
+               !kavrin_may(connection, FSOP_OPEN_WRITE, wish->path, FSTYPE_FILE)) {
+        fsp->access_mask &= ~writing_access;
+        fsp->fsp_flags.can_write = false;
+    }
+}
+
 /* The one question of a create call (note 9). */
 static int ask(struct kavrin_connection* connection, const struct wish* wish, char** full_path) {
     if (is_look(wish)) return ask_look(connection, wish);
@@ -275,6 +329,7 @@ NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request
                             struct smb2_create_blobs* out_context_blobs) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
     const char* outer = connection->deciding;
+    const bool outer_wants_maximum = connection->wants_maximum;
     struct wish wish = {
         .reference = smb_fname->fsp,
         .exists = VALID_STAT(smb_fname->st),
@@ -289,6 +344,7 @@ NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request
     NTSTATUS status = NT_STATUS_OK;
 
     if (is_named_stream(smb_fname)) return NT_STATUS_OBJECT_NAME_INVALID;
+    if (!is_root && kavrin_is_for_another(connection)) return NT_STATUS_ACCESS_DENIED;
     /* Whatever the folder is, the name is the one within the share. */
     path = kavrin_path(talloc_tos(), handle, NULL, smb_fname);
     if (path == NULL) return map_nt_error_from_unix(errno);
@@ -303,6 +359,7 @@ NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request
         else if (ask(connection, &wish, &full_path) != 0)
             status = map_nt_error_from_unix(errno);
     }
+    if (!wish.exists) sd = NULL; /* rights come with the map; smbd would refuse what it has made */
     if (NT_STATUS_IS_OK(status)) {
         connection->deciding = path;
         connection->wants_maximum = (wish.access_mask & SEC_FLAG_MAXIMUM_ALLOWED) != 0;
@@ -311,11 +368,13 @@ NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request
             create_options, file_attributes, oplock_request, lease, allocation_size, private_flags,
             sd, ea_list, result, &info, in_context_blobs, out_context_blobs);
         connection->deciding = outer;
-        connection->wants_maximum = false;
+        connection->wants_maximum = outer_wants_maximum;
     }
     if (NT_STATUS_IS_OK(status)) {
         if (pinfo != NULL) *pinfo = info;
         if (!is_root && info == FILE_WAS_CREATED) record_creation(connection, &wish, full_path);
+        if (!is_root && info != FILE_WAS_CREATED && *result != NULL)
+            hold_to_questions(connection, &wish, *result);
         if (*result != NULL && !remember_open(handle, *result, path, info))
             DBG_ERR("%s: no memory to record what happens to it\n", path);
     }
@@ -327,7 +386,7 @@ NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request
 /* Writing and closing ----------------------------------------------------------------------------
  */
 
-static void mark_modified(struct vfs_handle_struct* handle, struct files_struct* fsp) {
+void kavrin_mark_modified(struct vfs_handle_struct* handle, struct files_struct* fsp) {
     struct kavrin_open* open = VFS_FETCH_FSP_EXTENSION(handle, fsp);
 
     if (open != NULL) open->record.is_modified = 1;
@@ -338,9 +397,9 @@ static void mark_modified(struct vfs_handle_struct* handle, struct files_struct*
 static bool is_recorded(struct files_struct* fsp, const struct kavrin_open* open) {
     struct stat status;
 
-    if (open == NULL || fsp->fsp_flags.is_pathref || fsp->fsp_flags.is_directory) return false;
+    if (open == NULL || fsp->fsp_flags.is_directory) return false;
     if (open->record.is_modified == 0 && (!open->reads || open->created)) return false;
-    return fstat(fsp_get_io_fd(fsp), &status) == 0 && status.st_nlink > 0;
+    return fstat(fsp_get_pathref_fd(fsp), &status) == 0 && status.st_nlink > 0;
 }
 
 static void record_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
@@ -354,7 +413,7 @@ static void record_close(struct vfs_handle_struct* handle, struct files_struct* 
     became_user = kavrin_user_begin(connection);
     kavrin_hook_begin(connection);
     connection->library.pmodify = record;
-    close_preprocess(connection->audit, fsp_get_io_fd(fsp), &connection->library, &record, 1,
+    close_preprocess(connection->audit, fsp_get_pathref_fd(fsp), &connection->library, &record, 1,
                      connection->client);
     connection->library.pmodify = NULL;
     kavrin_hook_end(NULL);
@@ -388,7 +447,7 @@ ssize_t kavrin_pwrite(struct vfs_handle_struct* handle, struct files_struct* fsp
                       size_t n, off_t offset) {
     const ssize_t result = SMB_VFS_NEXT_PWRITE(handle, fsp, data, n, offset);
 
-    if (result > 0) mark_modified(handle, fsp);
+    if (result > 0) kavrin_mark_modified(handle, fsp);
     return result;
 }
 
@@ -406,7 +465,7 @@ static void pwrite_done(struct tevent_req* below) {
 
     state->result = SMB_VFS_PWRITE_RECV(below, &state->aio);
     TALLOC_FREE(below);
-    if (state->result > 0) mark_modified(state->handle, state->fsp);
+    if (state->result > 0) kavrin_mark_modified(state->handle, state->fsp);
     tevent_req_done(request);
 }
 
@@ -442,14 +501,14 @@ ssize_t kavrin_recvfile(struct vfs_handle_struct* handle, int fromfd, files_stru
                         off_t offset, size_t count) {
     const ssize_t result = SMB_VFS_NEXT_RECVFILE(handle, fromfd, tofsp, offset, count);
 
-    if (result > 0) mark_modified(handle, tofsp);
+    if (result > 0) kavrin_mark_modified(handle, tofsp);
     return result;
 }
 
 int kavrin_ftruncate(struct vfs_handle_struct* handle, struct files_struct* fsp, off_t offset) {
     const int result = SMB_VFS_NEXT_FTRUNCATE(handle, fsp, offset);
 
-    if (result == 0) mark_modified(handle, fsp);
+    if (result == 0) kavrin_mark_modified(handle, fsp);
     return result;
 }
 
@@ -457,7 +516,7 @@ int kavrin_fallocate(struct vfs_handle_struct* handle, struct files_struct* fsp,
                      off_t offset, off_t len) {
     const int result = SMB_VFS_NEXT_FALLOCATE(handle, fsp, mode, offset, len);
 
-    if (result == 0) mark_modified(handle, fsp);
+    if (result == 0) kavrin_mark_modified(handle, fsp);
     return result;
 }
 
@@ -467,7 +526,7 @@ struct tevent_req* kavrin_offload_write_send(struct vfs_handle_struct* handle, T
                                              DATA_BLOB* token, off_t transfer_offset,
                                              struct files_struct* dest_fsp, off_t dest_off,
                                              off_t to_copy) {
-    mark_modified(handle, dest_fsp);
+    kavrin_mark_modified(handle, dest_fsp);
     return SMB_VFS_NEXT_OFFLOAD_WRITE_SEND(handle, mem_ctx, ev, fsctl, token, transfer_offset,
                                            dest_fsp, dest_off, to_copy);
 }

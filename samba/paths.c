@@ -151,6 +151,7 @@ int kavrin_open_beneath(const struct kavrin_connection* connection, const char* 
 int kavrin_ask_stat(struct kavrin_connection* connection, const char* path) {
     e_vfs_enforce_perms_t verdict;
 
+    if (kavrin_is_for_another(connection)) return kavrin_ask_missing(connection, path);
     kavrin_hook_begin(connection);
     kavrin_refresh(connection);
     verdict = check_perms(connection->share_root, path, FSOP_STAT, &connection->library, 0);
@@ -160,15 +161,26 @@ int kavrin_ask_stat(struct kavrin_connection* connection, const char* path) {
     return -1;
 }
 
-/* For questions that no hook asks. Only codes that the decision table knows are passed (note 8). */
+/* The same of what was not found: somebody may make it the next moment, so the answer is not kept
+ * (note 4). */
+int kavrin_ask_missing(struct kavrin_connection* connection, const char* path) {
+    if (kavrin_may(connection, FSOP_STAT, path, 0)) return 0;
+    errno = EPERM;
+    return -1;
+}
+
+/* For questions that no hook asks. Only codes that the decision table knows are passed (note 8).
+ * For another than the connection's user the library takes the process's identity, which smbd has
+ * made his (note 15). */
 bool kavrin_may(struct kavrin_connection* connection, e_fsop_type_t op, const char* path,
                 int force_type) {
+    process_trustees_t* const user =
+        kavrin_is_for_another(connection) ? NULL : &connection->library.groupmap;
     int is_nav = 0;
     e_vfs_enforce_perms_t verdict;
 
     kavrin_hook_begin(connection);
-    verdict = vfs_enforce_perms(connection->share_root, path, op, &connection->library.groupmap,
-                                force_type, &is_nav);
+    verdict = vfs_enforce_perms(connection->share_root, path, op, user, force_type, &is_nav);
     kavrin_hook_end(NULL);
     return verdict == KVPERMS_HAS_PERMS;
 }

@@ -28,7 +28,12 @@
  * 13. Notifications name only what their reader may see: smbd looks at each for him, which the
  *     module switches on, since by default it does not.
  * 14. A verdict counts the primary group of the user, never the real group of the process, which is
- *     root's: entries for group root are for nobody by accident. */
+ *     root's: entries for group root are for nobody by accident.
+ * 15. The library's record is about the user who connected. Where smbd acts for another one in the
+ *     same process, for whom it removes what he wanted removed, that one is judged by the process's
+ *     identity; anything else is refused.
+ * 16. A handle holds no right that no question covered, whatever smbd or a module before this one
+ *     makes of descriptors. */
 #include "kavrin_module.h"
 
 #include "eventstore.h"
@@ -107,7 +112,22 @@ static bool is_account_served(struct kavrin_connection* connection, const char* 
             user);
         return false;
     }
+    connection->uid = account->pw_uid;
     connection->group = account->pw_gid;
+    return true;
+}
+
+/* A module behind this one would work unseen, and as root. SMB1 has requests that smbd answers with
+ * no handle of a client's, as root where he may not. */
+static bool is_fit(const struct vfs_handle_struct* handle) {
+    if (handle->next == NULL || handle->next->next != NULL) {
+        DBG_ERR("kavrin must be the last of 'vfs objects'; connection refused\n");
+        return false;
+    }
+    if (!handle->conn->sconn->using_smb2) {
+        DBG_ERR("only clients of SMB2 and later are served; connection refused\n");
+        return false;
+    }
     return true;
 }
 
@@ -144,8 +164,9 @@ static bool prepare(struct vfs_handle_struct* handle, struct kavrin_connection* 
         return false;
     }
     init_private_data(&connection->library);
-    if (!kavrin_read_options(handle, connection) || !kavrin_is_group_map_sound() ||
-        !is_account_served(connection, user) || !open_share_root(handle, connection))
+    if (!is_fit(handle) || !kavrin_read_options(handle, connection) ||
+        !kavrin_is_group_map_sound() || !is_account_served(connection, user) ||
+        !open_share_root(handle, connection))
         return false;
     connection->library.user_name_as_passed_in = talloc_strdup(connection, user);
     connection->client = talloc_sub_basic(connection, user, "", "%I");

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "command.h"
+#include "failure.h"
 #include "lint_fix.h"
 #include "pair_writer.h"
 

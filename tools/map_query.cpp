@@ -10,7 +10,7 @@
 #include <memory>
 
 #include "asking_samba.h"
-#include "command.h"
+#include "failure.h"
 #include "explain.h"
 #include "kavrin_perms.h"
 #include "kavrin_utils.h"

@@ -5,7 +5,7 @@
 #include <array>
 #include <cctype>
 
-#include "command.h"
+#include "failure.h"
 #include "permissions/decision_table.h"
 
 namespace kvadmin {

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "command.h"
+#include "failure.h"
 
 namespace kvadmin {
 namespace {

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "command.h"
+#include "failure.h"
 #include "kavrin_utils.h"
 #include "operations.h"
 #include "utf8.h"

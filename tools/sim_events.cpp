@@ -8,7 +8,7 @@
 #include <iterator>
 #include <vector>
 
-#include "command.h"
+#include "failure.h"
 #include "event_text.h"
 #include "kavrin_utils.h"
 #include "pending_folder.h"

@@ -18,7 +18,7 @@
 #include <utility>
 
 #include "build_child.h"
-#include "command.h"
+#include "failure.h"
 #include "sim_connection.h"
 
 namespace kvadmin {

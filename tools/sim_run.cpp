@@ -5,7 +5,7 @@
 
 #include <utility>
 
-#include "command.h"
+#include "failure.h"
 #include "event_text.h"
 #include "utf8.h"
 

@@ -15,7 +15,8 @@
 #include <fstream>
 #include <utility>
 
-#include "command.h"
+#include "failure.h"
+#include "use_library.h"
 #include "groupmap_file.h"
 #include "kavrin.h"
 #include "map_publish.h"

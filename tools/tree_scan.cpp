@@ -14,7 +14,7 @@
 #include <memory>
 #include <unordered_set>
 
-#include "command.h"
+#include "failure.h"
 #include "utf8.h"
 
 namespace kvadmin {

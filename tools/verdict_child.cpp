@@ -17,7 +17,7 @@
 #include <span>
 
 #include "build_child.h"
-#include "command.h"
+#include "failure.h"
 #include "descriptor.h"
 #include "kavrin.h"
 #include "nearest_grant.h"

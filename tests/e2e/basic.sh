@@ -100,7 +100,7 @@ done
 
 # What is missing is missing.
 does alice ok 'ls shared\engineering\DESIGNS\GEAR.STEP'
-does alice NT_STATUS_OBJECT_NAME_NOT_FOUND 'ls Shared\finance\*'
+does alice $denied 'ls Shared\finance\*' # hidden from her, as in its own letters
 does alice NT_STATUS_OBJECT_NAME_NOT_FOUND "get $designs\\none.txt down.txt"
 does alice NT_STATUS_NO_SUCH_FILE "del $designs\\none.txt"
 does alice NT_STATUS_DIRECTORY_NOT_EMPTY 'rmdir Shared\Engineering\Designs'
