@@ -10,8 +10,8 @@
 #include <memory>
 
 #include "asking_samba.h"
-#include "failure.h"
 #include "explain.h"
+#include "failure.h"
 #include "kavrin_perms.h"
 #include "kavrin_utils.h"
 #include "perm_utils.h"

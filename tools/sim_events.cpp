@@ -8,8 +8,8 @@
 #include <iterator>
 #include <vector>
 
-#include "failure.h"
 #include "event_text.h"
+#include "failure.h"
 #include "kavrin_utils.h"
 #include "pending_folder.h"
 #include "staging_snapshot.h"

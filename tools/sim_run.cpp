@@ -5,8 +5,8 @@
 
 #include <utility>
 
-#include "failure.h"
 #include "event_text.h"
+#include "failure.h"
 #include "utf8.h"
 
 namespace kvadmin {

@@ -16,12 +16,12 @@
 #include <utility>
 
 #include "failure.h"
-#include "use_library.h"
 #include "groupmap_file.h"
 #include "kavrin.h"
 #include "map_publish.h"
 #include "processing_functions.h"
 #include "sim_accounts.h"
+#include "use_library.h"
 
 namespace kvadmin {
 namespace {

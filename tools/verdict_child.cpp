@@ -17,8 +17,8 @@
 #include <span>
 
 #include "build_child.h"
-#include "failure.h"
 #include "descriptor.h"
+#include "failure.h"
 #include "kavrin.h"
 #include "nearest_grant.h"
 

@@ -1,13 +1,19 @@
-"""An SMB client that keeps its handles: several users, each with a connection of his own, hold files
-and folders open while something else happens, list a folder anew through the handle that they have,
-create with a descriptor, and so on, which the usual clients hide behind their own commands. It speaks
+"""An SMB client that keeps its handles: several users, each with a connection of his own, hold
+files and folders open while something else happens, list a folder anew through the handle that they
+have, create with a descriptor: what the usual clients hide behind commands of their own. It speaks
 SMB 2.0.2 by itself and needs nothing but Python.
 
   handles.py PORT SHARE
 
-A line is a word and its arguments with tabs between them; the answer is one line: "ok", what was asked
-for, "gone" when the server has ended the connection, or the name of a status. Everybody's password is
-"secret". A connection and a handle have the names that the line gives them.
+A line is a word and its arguments with tabs between them; the answer is one line: "ok", what was
+asked for, "gone" when the server has ended the connection, or the name of a status. Everybody's
+password is "secret". A connection and a handle have the names that the line gives them:
+
+  connect NAME USER
+  open NAME HANDLE PATH ACCESS [DISPOSITION [OPTIONS]]
+  open-full …, with a descriptor that allows everything to everybody
+  read HANDLE, list HANDLE, write HANDLE TEXT, delete HANDLE, close HANDLE
+  quit
 """
 import hashlib
 import hmac
@@ -20,7 +26,7 @@ import sys
 SECRET = bytes.fromhex("878d8014606cda29677a44efa1353fc7")
 DOMAIN = "TEST"
 NEGOTIATE, SESSION_SETUP, TREE_CONNECT, CREATE, CLOSE = 0, 1, 3, 5, 6
-READ, WRITE, QUERY_DIRECTORY, SET_INFO, BREAK = 8, 9, 14, 17, 18
+READ, WRITE, QUERY_DIRECTORY, SET_INFO = 8, 9, 14, 17
 PENDING, MORE_NEEDED, NO_MORE_FILES = 0x103, 0xC0000016, 0x80000006
 NAMES = {
     0: "ok",
@@ -88,7 +94,7 @@ class Connection:
         self.socket.sendall(struct.pack(">I", len(header + body)) + header + body)
         while True:
             header, body = self.receive()
-            status, kind = struct.unpack_from("<I", header, 8)[0], struct.unpack_from("<H", header, 12)[0]
+            status, kind = struct.unpack_from("<IH", header, 8)
             if kind == command and status != PENDING:
                 break
         if status != 0 and status not in also:
@@ -141,15 +147,18 @@ class Connection:
 
     def write(self, file, text):
         data = text.encode()
-        self.ask(WRITE, struct.pack("<HHIQ16sIIHHI", 49, 112, len(data), 0, file, 0, 0, 0, 0, 0) + data)
+        fixed = struct.pack("<HHIQ16sIIHHI", 49, 112, len(data), 0, file, 0, 0, 0, 0, 0)
+        self.ask(WRITE, fixed + data)
 
     def read(self, file):
-        _, body = self.ask(READ, struct.pack("<HBBIQ16sIIIHHB", 49, 80, 0, 4096, 0, file, 0, 0, 0, 0, 0, 0))
+        fixed = struct.pack("<HBBIQ16sIIIHHB", 49, 80, 0, 4096, 0, file, 0, 0, 0, 0, 0, 0)
+        _, body = self.ask(READ, fixed)
         start, size = struct.unpack_from("<BxI", body, 2)
         return body[start - 64 : start - 64 + size].decode().strip()
 
     def set_file(self, file, kind, data):
-        self.ask(SET_INFO, struct.pack("<HBBIHHI16s", 33, 1, kind, len(data), 96, 0, 0, file) + data)
+        fixed = struct.pack("<HBBIHHI16s", 33, 1, kind, len(data), 96, 0, 0, file)
+        self.ask(SET_INFO, fixed + data)
 
     # Names from the start, whatever was listed through this handle before.
     def list(self, file):
@@ -179,10 +188,9 @@ def main():
     def done(word, name, *arguments):
         if word == "connect":
             connections[name] = Connection(port, share, *arguments)
-        elif word == "leave":
-            connections.pop(name).socket.close()
         elif word in ("open", "open-full"):
-            handle, path, access, disposition, options = (arguments + ("1", "0"))[:5]
+            given = arguments + ("1", "0")[len(arguments) - 3 :]
+            handle, path, access, disposition, options = given
             descriptor = FULL if word == "open-full" else b""
             connection = connections[name]
             handles[handle] = connection, connection.open(
@@ -199,16 +207,16 @@ def main():
                 return connection.list(file)
             elif word == "delete":
                 connection.set_file(file, 13, b"\1")
-            elif word == "rename":
-                to = utf16(arguments[0])
-                connection.set_file(file, 10, struct.pack("<B7xQI", 0, 0, len(to)) + to)
             else:
                 return f"there is no word {word}"
         return "ok"
 
     for line in sys.stdin:
+        words = line.rstrip("\n").split("\t")
+        if words == ["quit"]:
+            break
         try:
-            answer = done(*line.rstrip("\n").split("\t"))
+            answer = done(*words)
         except Refused as refusal:
             answer = NAMES.get(refusal.status, f"status {refusal.status:08x}")
         except OSError:
