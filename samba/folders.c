@@ -59,10 +59,10 @@ static void note_shown(struct vfs_handle_struct* handle, struct files_struct* di
         listing->listed = talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, dirfsp), entry->d_name);
 }
 
-/* A handle may list a folder again and again, with nothing asked but its entries: each time begins
- * with a look at the markers, and at whether the handle's name still leads to the folder, since
- * entries are asked by it. */
-static bool may_start(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+/* A handle may list a folder again and again, or for long, with nothing asked but its entries: each
+ * time begins with a look at the markers, and at whether the handle's name still leads to the
+ * folder, since entries are asked by it; and so does each second of it. */
+static bool may_go_on(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
                       const char* folder) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
     struct stat there, here;
@@ -85,6 +85,14 @@ static bool may_start(struct vfs_handle_struct* handle, const struct files_struc
     return same;
 }
 
+static bool is_time_to_look(struct kavrin_open* listing, const struct dirent* entry) {
+    const time_t now = time(NULL);
+    const bool is_time = ISDOT(entry->d_name) || (listing != NULL && listing->looked != now);
+
+    if (is_time && listing != NULL) listing->looked = now;
+    return is_time;
+}
+
 struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                               DIR* dirp, SMB_STRUCT_STAT* sbuf) {
     struct kavrin_connection* connection = kavrin_connection_of(handle);
@@ -105,7 +113,7 @@ struct dirent* kavrin_readdir(struct vfs_handle_struct* handle, struct files_str
     }
     do {
         entry = read_entry(handle, dirfsp, dirp, sbuf);
-        if (entry != NULL && ISDOT(entry->d_name) && !may_start(handle, dirfsp, folder))
+        if (entry != NULL && is_time_to_look(listing, entry) && !may_go_on(handle, dirfsp, folder))
             entry = NULL;
     } while (entry != NULL && !is_dots(entry) && !is_shown(connection, folder, entry->d_name));
     TALLOC_FREE(made);

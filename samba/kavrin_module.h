@@ -35,9 +35,10 @@ struct kavrin_connection {
 /* What a user opened; an extension of its fsp. Path references have none. */
 struct kavrin_open {
     modify_file_evt_s_t record;
-    char* listed; /* the entry that its listing showed last, which smbd opens next */
-    bool reads;   /* may read the contents */
-    bool created; /* by this very open, which is recorded already */
+    char* listed;  /* the entry that its listing showed last, which smbd opens next */
+    time_t looked; /* when its listing last looked at the markers */
+    bool reads;    /* may read the contents */
+    bool created;  /* by this very open, which is recorded already */
     bool times_recorded;
     struct smb_file_time times; /* the last that were recorded */
 };

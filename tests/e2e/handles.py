@@ -162,7 +162,7 @@ class Connection:
 
     # Names from the start, whatever was listed through this handle before.
     def list(self, file):
-        names, flags = [], 1
+        names, flags = set(), 1
         while True:
             header, body = self.ask(
                 QUERY_DIRECTORY,
@@ -171,14 +171,13 @@ class Connection:
             )
             flags = 0
             if struct.unpack_from("<I", header, 8)[0] != 0:
-                break
+                return " ".join(sorted(names - {".", ".."})) or "nothing"
             start, size = struct.unpack_from("<HI", body, 2)
             data = body[start - 64 : start - 64 + size]
             while data:
                 following, _, length = struct.unpack_from("<III", data)
-                names.append(data[12 : 12 + length].decode("utf-16-le"))
+                names.add(data[12 : 12 + length].decode("utf-16-le"))
                 data = data[following:] if following else b""
-        return " ".join(sorted(set(names) - {".", ".."})) or "nothing"
 
 
 def main():

@@ -112,6 +112,7 @@ trap 'exit 143' TERM
 # A client that stays: connect_as USER, then tell COMMAND prints what came back.
 connect_as() {
   coproc client { cd "$state" && exec stdbuf -oL smbclient "//127.0.0.1/$SHARE_NAME" -U "$1%secret" 2>&1; }
+  client_process=$client_PID # which bash forgets with the process
   exec 7<&"${client[0]}" 8>&"${client[1]}" # which subshells have, too
   tell 'pwd' >/dev/null
   server=$(smbstatus -s "$state/smb.conf" -p 2>/dev/null | awk -v u="$1" '$2 == u { print $1; exit }')
@@ -133,4 +134,4 @@ tell() {
     fi
   done
 }
-leave() { printf 'quit\n' >&8 2>/dev/null || true; wait "$client_PID" 2>/dev/null || true; }
+leave() { printf 'quit\n' >&8 2>/dev/null || true; wait "$client_process" 2>/dev/null || true; }
