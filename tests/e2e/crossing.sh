@@ -240,13 +240,18 @@ wants 'bob lists files of the new map' gear.step "$(ask list bob-files)"
 publish
 wants 'alice lists folders again' 'Designs Ideas' "$(ask list alice-folders)"
 wants 'alice lists files again' gear.step "$(ask list alice-files)"
+for number in $(seq 400); do echo x >"$disk/Designs/file$number"; done
+handle alice begun "$designs" 0x81
+wants 'alice begins a long listing' yes "$([ "$(ask next begun)" != nothing ] && echo yes)"
 gpasswd --delete alice kavrin-powerusers >/dev/null
 kavrinctl groupmap build >/dev/null 2>&1
 sleep 1.1
+wants 'the long listing has come to its end' nothing "$(ask rest begun)"
 wants 'a standard user lists no folders' '' \
   "$(ask list alice-folders | grep -E 'Designs|Ideas|Hidden' || true)"
 wants 'a standard user lists no files' '' "$(has gear.step "$(ask list alice-files)")"
 wants 'bob still lists folders' 'Designs Hidden' "$(ask list bob-folders)"
+rm "$disk"/Designs/file*
 end
 usermod --append --groups kavrin-powerusers alice
 kavrinctl groupmap build >/dev/null 2>&1

@@ -12,7 +12,8 @@ password is "secret". A connection and a handle have the names that the line giv
   connect NAME USER
   open NAME HANDLE PATH ACCESS [DISPOSITION [OPTIONS]]
   open-full …, with a descriptor that allows everything to everybody
-  read HANDLE, list HANDLE, write HANDLE TEXT, delete HANDLE, close HANDLE
+  list HANDLE, from the start; next HANDLE, one name; rest HANDLE, the names that are left
+  read HANDLE, write HANDLE TEXT, delete HANDLE, close HANDLE
   quit
 """
 import hashlib
@@ -160,24 +161,37 @@ class Connection:
         fixed = struct.pack("<HBBIHHI16s", 33, 1, kind, len(data), 96, 0, 0, file)
         self.ask(SET_INFO, fixed + data)
 
-    # Names from the start, whatever was listed through this handle before.
-    def list(self, file):
-        names, flags = set(), 1
-        while True:
-            header, body = self.ask(
-                QUERY_DIRECTORY,
-                struct.pack("<HBBI16sHHI", 33, 12, flags, 0, file, 96, 2, 65536) + utf16("*"),
-                (NO_MORE_FILES,),
-            )
+    # What the server sends of a listing at once: all that fits, or (flag 2) one name; from the start
+    # (flag 1) whatever was listed through this handle before.
+    def some_names(self, file, flags):
+        header, body = self.ask(
+            QUERY_DIRECTORY,
+            struct.pack("<HBBI16sHHI", 33, 12, flags, 0, file, 96, 2, 65536) + utf16("*"),
+            (NO_MORE_FILES,),
+        )
+        names = []
+        if struct.unpack_from("<I", header, 8)[0] != 0:
+            return names
+        start, size = struct.unpack_from("<HI", body, 2)
+        data = body[start - 64 : start - 64 + size]
+        while data:
+            following, _, length = struct.unpack_from("<III", data)
+            names.append(data[12 : 12 + length].decode("utf-16-le"))
+            data = data[following:] if following else b""
+        return names
+
+    def list(self, file, flags):
+        names = []
+        while some := self.some_names(file, flags):
+            names += some
             flags = 0
-            if struct.unpack_from("<I", header, 8)[0] != 0:
-                return " ".join(sorted(names - {".", ".."})) or "nothing"
-            start, size = struct.unpack_from("<HI", body, 2)
-            data = body[start - 64 : start - 64 + size]
-            while data:
-                following, _, length = struct.unpack_from("<III", data)
-                names.add(data[12 : 12 + length].decode("utf-16-le"))
-                data = data[following:] if following else b""
+        return " ".join(sorted(set(names) - {".", ".."})) or "nothing"
+
+    def next(self, file):
+        while some := self.some_names(file, 2):
+            if some[0] not in (".", ".."):
+                return some[0]
+        return "nothing"
 
 
 def main():
@@ -203,7 +217,11 @@ def main():
             elif word == "read":
                 return connection.read(file)
             elif word == "list":
-                return connection.list(file)
+                return connection.list(file, 1)
+            elif word == "rest":
+                return connection.list(file, 0)
+            elif word == "next":
+                return connection.next(file)
             elif word == "delete":
                 connection.set_file(file, 13, b"\1")
             else:
