@@ -17,6 +17,7 @@ build=$(realpath "${BUILD_FOLDER:-$project/build/release}")
 PATH="$build/tools:$build/service:$PATH"
 module=${KAVRIN_MODULE:-$build/samba/kavrin.so}
 port=445
+export LC_ALL=C.UTF-8 # names are more than ASCII
 SHARE_NAME=${SHARE_NAME:-share}
 SHARE_OPTIONS=${SHARE_OPTIONS-kavrin:audit = yes}
 
