@@ -304,7 +304,7 @@ for thread in threads:
 open(state + "/threads.run", "w").close()
 for thread in threads:
     thread.join()
-print(counts["file"], counts["folder"], counts["refused"], counts["wrong"])
+print(counts["file"], counts["folder"], counts["refused"], counts["wrong"], flush=True)
 open(state + "/threads.done", "w").close()
 while not os.path.exists(state + "/threads.go"):
     time.sleep(0.05)

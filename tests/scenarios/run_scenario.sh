@@ -16,4 +16,4 @@ if [ "$code" != 0 ]; then
   printf '%s\nsmb-sim ended with exit code %s\n' "$actual" "$code" >&2
   exit 1
 fi
-diff -u --label expected --label actual "$expected" <(printf '%s\n' "$actual")
+printf '%s\n' "$actual" | diff -u --label expected --label actual "$expected" -
