@@ -33,6 +33,7 @@ memory_of() { sed -n 's/^VmRSS:[ \t]*\([0-9]*\) kB/\1/p' "/proc/$1/status"; }
 descriptors_of() {
   find "/proc/$1/fd" -mindepth 1 -printf '%l\n' 2>/dev/null | grep -v '^socket:' | sort
 }
+are_sockets_few() { [ "$(sockets_of "$1")" -le $((${sockets[$1]} + 2)) ]; }
 sockets_of() { find "/proc/$1/fd" -mindepth 1 -lname 'socket:*' 2>/dev/null | wc -l; }
 servers_of() {
   smbstatus -s "$state/smb.conf" -p 2>/dev/null | awk -v u="$1" '$2 == u { print $1 }'
@@ -113,8 +114,7 @@ reach after 4
 for server in $servers; do
   wants "descriptors of server $server" '' \
     "$(diff <(echo "${descriptors[$server]}") <(descriptors_of "$server"))"
-  wants "sockets of server $server" yes \
-    "$([ "$(sockets_of "$server")" -le $((${sockets[$server]} + 2)) ] && echo yes)"
+  wants "sockets of server $server" yes "$(wait_for are_sockets_few "$server" && echo yes)"
   growth=$(($(memory_of "$server") - ${memory[$server]}))
   echo "server $server grew by $growth kB"
   wants "server $server grows by less than 4 MB" yes "$([ "$growth" -lt 4096 ] && echo yes)"
