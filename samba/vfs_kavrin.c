@@ -9,8 +9,8 @@
  *     as well, and links cannot be read or made by clients. So what is reached is what its path
  *     says, and smbd's own way of following links inside of a share ends at its first step.
  *  3. What was opened is changed through the handle that smbd holds.
- *  4. A verdict on a missing object does not outlive a change of one's own: each asks for an empty
- *     cache. Single entries are never taken out.
+ *  4. A verdict on a missing object is not kept, and what was kept does not outlive a change of
+ *     one's own: each asks for an empty cache. Single entries are never taken out.
  *  5. The process's ids and groups are compared before and after every hook; a difference that
  *     cannot be put right ends the connection.
  *  6. Hooks change the identity of the calling thread only, so smbd's helper threads keep theirs.
