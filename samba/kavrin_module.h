@@ -1,6 +1,7 @@
 /* What the parts of the module share: the record of a connection and of an open object, and the few
  * helpers that every operation goes through. One part a concern: vfs_kavrin.c (connections and the
- * table), options.c, identity.c, paths.c, opens.c, folders.c, metadata.c, descriptor.c. */
+ * table), options.c, identity.c, paths.c, opens.c, writes.c, folders.c, metadata.c,
+ * descriptor.c. */
 #ifndef KAVRIN_MODULE_H
 #define KAVRIN_MODULE_H
 
@@ -96,6 +97,8 @@ NTSTATUS kavrin_create_file(struct vfs_handle_struct* handle, struct smb_request
                             struct ea_list* ea_list, files_struct** result, int* pinfo,
                             const struct smb2_create_blobs* in_context_blobs,
                             struct smb2_create_blobs* out_context_blobs);
+
+/* writes.c */
 void kavrin_mark_modified(struct vfs_handle_struct* handle, struct files_struct* fsp);
 int kavrin_close(struct vfs_handle_struct* handle, struct files_struct* fsp);
 NTSTATUS kavrin_durable_disconnect(struct vfs_handle_struct* handle, struct files_struct* fsp,

@@ -78,14 +78,26 @@ static char* from_absolute(TALLOC_CTX* memory, const struct kavrin_connection* c
     return NULL;
 }
 
+/* The same of a path that was made for it, which is freed; null is what an allocation left. */
+static char* from_made(TALLOC_CTX* memory, const struct kavrin_connection* connection, char* path) {
+    char* result;
+
+    if (path == NULL) {
+        errno = ENOMEM;
+        return NULL;
+    }
+    result = from_absolute(memory, connection, path);
+    TALLOC_FREE(path);
+    return result;
+}
+
 /* The path of `name` in `folder` within the share; null with errno set for what is outside of it,
  * and for streams, which are not served. */
 char* kavrin_path(TALLOC_CTX* memory, struct vfs_handle_struct* handle,
                   const struct files_struct* folder, const struct smb_filename* name) {
     const struct kavrin_connection* connection = kavrin_connection_of(handle);
     const char* base = name->base_name;
-    char* path = NULL;
-    char* result = NULL;
+    char* path;
 
     if (is_named_stream(name)) {
         errno = ENOENT;
@@ -104,13 +116,7 @@ char* kavrin_path(TALLOC_CTX* memory, struct vfs_handle_struct* handle,
         path = talloc_asprintf(memory, "%s/%s/%s", connection->share_root,
                                folder->fsp_name->base_name, base);
     }
-    if (path == NULL) {
-        errno = ENOMEM;
-        return NULL;
-    }
-    result = from_absolute(memory, connection, path);
-    TALLOC_FREE(path);
-    return result;
+    return from_made(memory, connection, path);
 }
 
 /* The path of what an fsp stands for, whose name is relative to the share's root. */
@@ -118,7 +124,6 @@ char* kavrin_path_of(TALLOC_CTX* memory, struct vfs_handle_struct* handle,
                      const struct files_struct* fsp) {
     const struct kavrin_connection* connection = kavrin_connection_of(handle);
     char* path;
-    char* result;
 
     if (is_named_stream(fsp->fsp_name)) {
         errno = ENOENT;
@@ -127,13 +132,7 @@ char* kavrin_path_of(TALLOC_CTX* memory, struct vfs_handle_struct* handle,
     if (fsp->fsp_name->base_name[0] == '/')
         return from_absolute(memory, connection, fsp->fsp_name->base_name);
     path = talloc_asprintf(memory, "%s/%s", connection->share_root, fsp->fsp_name->base_name);
-    if (path == NULL) {
-        errno = ENOMEM;
-        return NULL;
-    }
-    result = from_absolute(memory, connection, path);
-    TALLOC_FREE(path);
-    return result;
+    return from_made(memory, connection, path);
 }
 
 /* A path reference to an object below the share's root, through no link (note 2). */
